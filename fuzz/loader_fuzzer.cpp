@@ -1,0 +1,123 @@
+// fuzz/loader_fuzzer.cpp: drives detection and every available loader through
+// the whole protocol with the input as the file.
+//
+// The last byte of the input picks the options (the rest is the file):
+//   bits 0-2  band rows: 0 means the whole picture in one call, else 1..7
+//   bit 3     readColorMap
+//   bits 4-7  0..7: detection (loader number 0) with the extension chosen by
+//             the next input byte from the catalogue; 8..15: an available
+//             loader chosen by that byte, installed by number
+// Invariants that crash on purpose: no descriptor left open after a load, and
+// no status outside the documented set.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "framework/catalogue.h"
+#include "framework/file.h"
+#include "tools/drive.h"
+#include "vload.h"
+
+namespace {
+
+constexpr uint64_t kMaxPictureBytes = 64u << 20;  // bigger pictures are described, not delivered
+
+std::string g_dir;
+unsigned g_counter = 0;
+
+// A descriptor left open takes the lowest free number, so the lowest free
+// number before and after a load tells.
+int lowestFreeFd() {
+  const int fd = ::open("/dev/null", O_RDONLY);
+  ::close(fd);
+  return fd;
+}
+
+void require(bool ok, const char* what) {
+  if (!ok) {
+    std::fprintf(stderr, "invariant broken: %s\n", what);
+    std::abort();
+  }
+}
+
+bool knownStatus(uint32_t s) { return s == 0 || (s >= 2 && s <= 7); }
+
+// Extensions the catalogue lists, each once, plus one that names nothing.
+const std::vector<std::string>& extensions() {
+  static const std::vector<std::string> all = [] {
+    std::vector<std::string> e{".bin"};
+    for (const ldr::LoaderInfo& l : ldr::loaders()) {
+      std::string list = l.extensions;
+      for (size_t start = 0; start < list.size();) {
+        const size_t end = std::min(list.find(' ', start), list.size());
+        e.push_back("." + list.substr(start, end - start));
+        start = end + 1;
+      }
+    }
+    return e;
+  }();
+  return all;
+}
+
+std::vector<int32_t> availableLoaders() {
+  std::vector<int32_t> n;
+  for (const ldr::LoaderInfo& l : ldr::loaders())
+    if (l.available) n.push_back(l.number);
+  return n;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  const char* base = std::getenv("TMPDIR");
+  std::string pattern = std::string(base && *base ? base : "/tmp") + "/vload-fuzz-XXXXXX";
+  if (!::mkdtemp(pattern.data())) std::abort();
+  g_dir = pattern;
+  SuppressNonFatalErrors = 1;
+  std::freopen("/dev/null", "w", stdout);  // loaders' notes would flood the log
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 2) return 0;
+  const uint8_t options = data[size - 1], choice = data[size - 2];
+  const uint32_t band = options & 7;
+  const bool readMap = options & 8;
+  const bool byNumber = (options >> 4) >= 8;
+  static const std::vector<int32_t> available = availableLoaders();
+  const std::string& ext = extensions()[choice % extensions().size()];
+  // A fresh name for every input: the probe cache keys on name and size.
+  const std::string path = g_dir + "/in" + std::to_string(g_counter++) + (byNumber ? ".bin" : ext);
+  if (std::FILE* f = std::fopen(path.c_str(), "wb")) {
+    std::fwrite(data, 1, size - 2, f);
+    std::fclose(f);
+  } else {
+    return 0;
+  }
+
+  const int fds = lowestFreeFd();
+  const int32_t asked = byNumber ? available[choice % available.size()] : 0;
+  vload_tool::Description d;
+  d.loader = vload_tool::install(asked, path.c_str());
+  if (ldr::loaderInfo(int32_t(d.loader))) {
+    const uint32_t status = vload_tool::describe(path.c_str(), d, readMap);
+    require(knownStatus(status), "tryLoad status");
+    if (status == VLOAD_OK) {
+      const uint64_t bytes = vload_tool::imageBytes(d);
+      if (bytes && bytes <= kMaxPictureBytes) {
+        ldr::Block image = ldr::allocBlock(size_t(bytes));
+        if (image) require(knownStatus(vload_tool::deliverAll(d, image.get(), band)), "loadBand status");
+      }
+      vload_tool::endLoad();
+    }
+  }
+  require(lowestFreeFd() == fds, "a descriptor was left open");
+  std::remove(path.c_str());
+  return 0;
+}

@@ -1,0 +1,115 @@
+// tests/support/bmp_writer.cpp
+#include "tests/support/bmp_writer.h"
+
+namespace vtest {
+
+std::vector<Rgb> greyRamp(int entries) {
+  std::vector<Rgb> p;
+  for (int i = 0; i < entries; ++i) {
+    const uint8_t v = uint8_t(entries > 1 ? i * 255 / (entries - 1) : 0);
+    p.push_back({v, v, v});
+  }
+  return p;
+}
+
+namespace {
+
+uint8_t index(const std::function<uint8_t(uint32_t, uint32_t, int)>& f, uint32_t x, uint32_t y,
+              uint16_t bits) {
+  return uint8_t(f(x, y, 0) & ((1u << bits) - 1));
+}
+
+}  // namespace
+
+Bytes BmpBuilder::build() const {
+  const bool core = headerSize_ == 12;
+  const uint32_t w = uint32_t(width_ < 0 ? -width_ : width_);
+  const uint32_t h = uint32_t(height_ < 0 ? -height_ : height_);
+  const uint32_t rowBytes = (w * bits_ + 31) / 32 * 4;
+  const uint32_t entry = core ? 3 : 4;
+  const uint32_t dataOffset = 14 + headerSize_ + uint32_t(palette_.size()) * entry + gap_;
+
+  Bytes b;
+  putText(b, "BM");
+  put32le(b, dataOffset + rowBytes * h);
+  put32le(b, 0);
+  put32le(b, dataOffset);
+  put32le(b, headerSize_);
+  if (core) {
+    put16le(b, uint32_t(width_));
+    put16le(b, uint32_t(height_));
+    put16le(b, planes_);
+    put16le(b, bits_);
+  } else {
+    put32le(b, uint32_t(width_));
+    put32le(b, uint32_t(height_));
+    put16le(b, planes_);
+    put16le(b, bits_);
+    put32le(b, compression_);
+    put32le(b, rowBytes * h);
+    put32le(b, xPpm_);
+    put32le(b, yPpm_);
+    const bool fullTable = bits_ <= 8 && palette_.size() == (size_t{1} << bits_);
+    put32le(b, coloursUsedSet_ ? coloursUsed_ : fullTable ? 0 : uint32_t(palette_.size()));
+    put32le(b, 0);  // important colours
+    while (b.size() < 14 + headerSize_) put8(b, 0);
+  }
+  for (const Rgb& c : palette_) {
+    put8(b, c.b);
+    put8(b, c.g);
+    put8(b, c.r);
+    if (!core) put8(b, 0);
+  }
+  for (uint32_t i = 0; i < gap_; ++i) put8(b, 0xEE);
+
+  for (uint32_t k = 0; k < h; ++k) {
+    const uint32_t y = h - 1 - k;  // bottom-up
+    Bytes row(rowBytes, 0);
+    for (uint32_t x = 0; x < w; ++x) {
+      switch (bits_) {
+        case 1: case 2: case 4: case 8: {
+          const uint32_t bit = x * bits_;
+          row[bit / 8] |= uint8_t(index(pixel_, x, y, bits_) << (8 - bits_ - bit % 8));
+          break;
+        }
+        case 24:
+          for (int c = 0; c < 3; ++c) row[3 * x + 2 - c] = pixel_(x, y, c);
+          break;
+        case 32:
+          for (int c = 0; c < 3; ++c) row[4 * x + 2 - c] = pixel_(x, y, c);
+          row[4 * x + 3] = pixel_(x, y, 3);
+          break;
+        default:  // 16 bits and others: any bytes; the loader refuses them
+          break;
+      }
+    }
+    b.insert(b.end(), row.begin(), row.end());
+  }
+  return b;
+}
+
+Bytes BmpBuilder::expectedRows(bool expandBits, bool invertBits) const {
+  const uint32_t w = uint32_t(width_), h = uint32_t(height_);
+  Bytes out;
+  for (uint32_t y = 0; y < h; ++y) {
+    if (bits_ == 1 && !expandBits) {
+      Bytes row((w + 7) / 8, 0);
+      for (uint32_t x = 0; x < w; ++x)
+        row[x / 8] |= uint8_t(index(pixel_, x, y, 1) << (7 - x % 8));
+      if (invertBits)  // whole bytes, padding bits included, as the loader does
+        for (uint8_t& v : row) v = uint8_t(~v);
+      out.insert(out.end(), row.begin(), row.end());
+      continue;
+    }
+    for (uint32_t x = 0; x < w; ++x) {
+      if (bits_ <= 8) {
+        out.push_back(index(pixel_, x, y, bits_));
+      } else {
+        for (int c = 0; c < (bits_ == 32 ? 4 : 3); ++c) out.push_back(pixel_(x, y, c));
+      }
+    }
+  }
+  return out;
+}
+
+}  // namespace vtest

@@ -1,0 +1,215 @@
+// The vload tool end to end: it is run as a separate process, and the PNGs it
+// writes are read back with libpng.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <png.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/bmp_writer.h"
+#include "tests/support/temp_file.h"
+#include "vload.h"
+
+extern char** environ;
+
+namespace {
+
+using vtest::BmpBuilder;
+using vtest::Bytes;
+using vtest::TempFile;
+
+struct CliRun {
+  int exitCode = -1;
+  std::string out, err;
+};
+
+// Runs the tool with these arguments, no shell involved.
+CliRun vload(std::vector<std::string> args) {
+  args.insert(args.begin(), VLOAD_CLI);
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  const TempFile out(Bytes{}, ".out"), err(Bytes{}, ".err");
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, out.path(), O_WRONLY | O_TRUNC, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, err.path(), O_WRONLY | O_TRUNC, 0);
+  pid_t pid = 0;
+  CliRun r;
+  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  const Bytes o = vtest::readFile(out.path()), e = vtest::readFile(err.path());
+  r.out.assign(o.begin(), o.end());
+  r.err.assign(e.begin(), e.end());
+  return r;
+}
+
+struct Png {
+  bool ok = false;
+  uint32_t width = 0, height = 0;
+  int colourType = -1, depth = 0;
+  std::vector<png_color> palette;
+  png_uint_32 xPpm = 0, yPpm = 0;
+  Bytes rows;  // as stored: packed bits, indexes, RGB or RGBA
+};
+
+// Plain C data only in this frame: libpng may jump back into it.
+bool readPngInto(std::FILE* f, png_structp png, png_infop info, Png* p) {
+  if (setjmp(png_jmpbuf(png))) return false;
+  png_init_io(png, f);
+  png_read_png(png, info, PNG_TRANSFORM_IDENTITY, nullptr);
+  p->width = png_get_image_width(png, info);
+  p->height = png_get_image_height(png, info);
+  p->colourType = png_get_color_type(png, info);
+  p->depth = png_get_bit_depth(png, info);
+  png_colorp palette = nullptr;
+  int entries = 0;
+  if (png_get_PLTE(png, info, &palette, &entries)) p->palette.assign(palette, palette + entries);
+  int unit = 0;
+  png_get_pHYs(png, info, &p->xPpm, &p->yPpm, &unit);
+  const size_t rowBytes = png_get_rowbytes(png, info);
+  png_bytepp all = png_get_rows(png, info);
+  for (uint32_t y = 0; y < p->height; ++y) p->rows.insert(p->rows.end(), all[y], all[y] + rowBytes);
+  return true;
+}
+
+Png readPng(const std::string& path) {
+  Png p;
+  std::FILE* f = std::fopen(path.c_str(), "rb");
+  if (!f) return p;
+  png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+  png_infop info = png_create_info_struct(png);
+  p.ok = readPngInto(f, png, info, &p);
+  png_destroy_read_struct(&png, &info, nullptr);
+  std::fclose(f);
+  return p;
+}
+
+std::string outPath(const char* name) { return vtest::tempDir() + "/" + name; }
+
+TEST(Cli, ConvertsEveryDepthToPng) {
+  struct Case { const char* name; BmpBuilder b; int colourType, depth; };
+  const Case cases[] = {
+      {"1 bit", BmpBuilder{}.size(13, 5).bits(1).palette(vtest::whiteBlack()), PNG_COLOR_TYPE_PALETTE, 1},
+      {"4 bits", BmpBuilder{}.size(13, 5).bits(4).palette(vtest::greyRamp(16)), PNG_COLOR_TYPE_PALETTE, 8},
+      {"8 bits", BmpBuilder{}.size(13, 5).bits(8).palette(vtest::greyRamp(256)), PNG_COLOR_TYPE_PALETTE, 8},
+      {"24 bits", BmpBuilder{}.size(13, 5).bits(24).pixelsPerMetre(3780, 3780), PNG_COLOR_TYPE_RGB, 8},
+      {"32 bits", BmpBuilder{}.size(13, 5).bits(32), PNG_COLOR_TYPE_RGB_ALPHA, 8},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const TempFile in(c.b.build(), ".bmp");
+    const std::string out = outPath("converted.png");
+    const CliRun r = vload({"convert", in.path(), out, "--band", "2"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const Png png = readPng(out);
+    ASSERT_TRUE(png.ok);
+    EXPECT_EQ(png.width, 13u);
+    EXPECT_EQ(png.height, 5u);
+    EXPECT_EQ(png.colourType, c.colourType);
+    EXPECT_EQ(png.depth, c.depth);
+    Bytes want = c.b.expectedRows(), got = png.rows;
+    if (c.depth == 1) {
+      ASSERT_EQ(png.palette.size(), 2u);
+      EXPECT_EQ(png.palette[1].red, 0);  // a set bit is dark
+      // libpng leaves the padding bits of its own row buffer as they were.
+      for (size_t i = 1; i < got.size() && i < want.size(); i += 2) got[i] &= 0xF8, want[i] &= 0xF8;
+    }
+    EXPECT_EQ(got, want);
+    if (c.colourType == PNG_COLOR_TYPE_RGB) {
+      EXPECT_EQ(png.xPpm, 3780u);
+      EXPECT_EQ(png.yPpm, 3780u);
+    }
+  }
+}
+
+TEST(Cli, PaletteHoldsTheColoursUsed) {
+  const BmpBuilder b = BmpBuilder{}.size(4, 4).bits(8).palette(vtest::greyRamp(256)).pixels(
+      [](uint32_t x, uint32_t, int) { return uint8_t(x * 2); });
+  const TempFile in(b.build(), ".bmp");
+  const std::string out = outPath("palette.png");
+  ASSERT_EQ(vload({"convert", in.path(), out}).exitCode, 0);
+  const Png png = readPng(out);
+  ASSERT_EQ(png.palette.size(), 7u);  // indexes up to 6
+  EXPECT_EQ(png.palette[6].red, 6);
+}
+
+TEST(Cli, InfoAsTextAndJson) {
+  const TempFile in(BmpBuilder{}.size(640, 3).bits(24).pixelsPerMetre(3780, 3780).build(), ".bmp");
+  CliRun r = vload({"info", in.path()});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_NE(r.out.find("loader:     24 (BMP)"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("size:       640 x 3"), std::string::npos);
+  EXPECT_NE(r.out.find("density:    96.012 x 96.012 dpi"), std::string::npos);
+  EXPECT_NE(r.out.find("info:       \" \""), std::string::npos);
+
+  r = vload({"info", "--json", in.path(), "/no/such/file.bmp"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(r.out.find("\"loader\": 24"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"width\": 640"), std::string::npos);
+  EXPECT_NE(r.out.find("\"ok\": false"), std::string::npos);
+  EXPECT_EQ(r.out.front(), '[');
+  EXPECT_NE(r.err.find("/no/such/file.bmp: no such file"), std::string::npos) << r.err;
+
+  r = vload({"info", "--loader", "24", in.path()});
+  EXPECT_EQ(r.exitCode, 0);
+}
+
+TEST(Cli, SaysWhatWentWrongInWords) {
+  const BmpBuilder b = BmpBuilder{}.size(8, 8).bits(24);
+  const Bytes full = b.build();
+  const TempFile cut(vtest::truncated(full, full.size() - 40), ".bmp");
+  const TempFile v5(BmpBuilder{}.headerSize(124).build(), ".bmp");
+  const TempFile text(Bytes{'h', 'e', 'l', 'l', 'o'}, ".xyz");
+  const TempFile gif(Bytes{'G', 'I', 'F', '8', '9', 'a', 0, 0}, ".gif");
+  const TempFile locked(full, ".bmp");
+  ::chmod(locked.path(), 0);
+  struct Case { std::vector<std::string> args; std::string words; };
+  const std::vector<Case> cases = {
+      {{"convert", cut.path(), outPath("x.png")}, "data ended early"},
+      {{"info", v5.path()}, "not a valid BMP file"},
+      {{"info", text.path()}, "not a recognised picture"},
+      {{"info", gif.path()}, "GIF files cannot be read by this build"},
+      {{"info", vtest::tempDir()}, "is a directory"},
+      {{"info", "/no/such/file"}, "no such file"},
+      {{"info", "--loader", "24", text.path()}, "not a valid BMP file"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.words);
+    const CliRun r = vload(c.args);
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.err.find(c.words), std::string::npos) << r.err;
+  }
+  if (::geteuid() != 0) {  // root reads anything
+    const CliRun r = vload({"info", locked.path()});
+    EXPECT_NE(r.err.find("permission denied"), std::string::npos) << r.err;
+  }
+  const TempFile good(full, ".bmp");
+  const CliRun r = vload({"convert", good.path(), "/no/such/dir/out.png"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(r.err.find("cannot create the output file"), std::string::npos) << r.err;
+  EXPECT_NE(vload({"info", "--loader", "78", text.path()}).exitCode, 0);
+  EXPECT_NE(vload({}).exitCode, 0);
+}
+
+TEST(Cli, FormatsListsEveryLoader) {
+  const CliRun r = vload({"formats"});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_NE(r.out.find("24   BMP"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("bmp dib"), std::string::npos);
+  EXPECT_NE(r.out.find("77   Bonas harness XML"), std::string::npos);
+  size_t lines = 0;
+  for (char c : r.out) lines += c == '\n';
+  EXPECT_EQ(lines, 78u);  // heading and 77 loaders
+}
+
+}  // namespace
