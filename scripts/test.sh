@@ -13,11 +13,13 @@ need_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
 modes=("$@")
 [ ${#modes[@]} -eq 0 ] && modes=(unit asan tsan fuzz package)
 
-configure() {  # configure DIR [cmake options...]
-  local dir=$1
+configure() {  # configure DIR [cmake options...] [-- targets...]
+  local dir=$1 options=() targets=()
   shift
-  cmake -S . -B "$dir" -G Ninja -DVLOAD_WERROR=ON "$@" >/dev/null
-  cmake --build "$dir" -j "$(jobs)"
+  while [ $# -gt 0 ] && [ "$1" != "--" ]; do options+=("$1"); shift; done
+  [ $# -gt 0 ] && shift && targets=(--target "$@")
+  cmake -S . -B "$dir" -G Ninja -DVLOAD_WERROR=ON "${options[@]}" >/dev/null
+  cmake --build "$dir" -j "$(jobs)" "${targets[@]}"
 }
 
 run_unit() {
@@ -41,18 +43,22 @@ run_tsan() {
 }
 
 run_fuzz() {
-  CC=clang CXX=clang++ configure build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVLOAD_FUZZ=ON -DVLOAD_TESTS=OFF
+  CC=clang CXX=clang++ configure build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVLOAD_FUZZ=ON \
+    -DVLOAD_TESTS=OFF -- loader_fuzzer make_seeds
   local work=build/fuzz/run
   rm -rf "$work" && mkdir -p "$work/corpus" "$work/seeds" "$work/artifacts"
   build/fuzz/fuzz/make_seeds "$work/seeds" >/dev/null
   local dirs=("$work/corpus" "$work/seeds")
   [ -d fuzz/regressions ] && dirs+=(fuzz/regressions)
   [ -d ../shared/corpus/bmp ] && dirs+=(../shared/corpus/bmp)
+  local rc=0
   build/fuzz/fuzz/loader_fuzzer -max_total_time="${FUZZ_SECONDS:-60}" -rss_limit_mb=2048 \
-    -timeout=10 -print_final_stats=1 -artifact_prefix="$work/artifacts/" "${dirs[@]}" 2>&1 |
-    grep -E '^(stat::|#[0-9]+ *DONE|==|SUMMARY|INFO: Running)' || true
-  if [ -n "$(ls -A "$work/artifacts")" ]; then
-    echo "== fuzz: failing inputs in $work/artifacts" >&2
+    -timeout=10 -print_final_stats=1 -artifact_prefix="$work/artifacts/" "${dirs[@]}" \
+    >"$work/log" 2>&1 || rc=$?
+  grep -E '^(stat::|SUMMARY)' "$work/log" || true
+  if [ "$rc" -ne 0 ] || [ -n "$(ls -A "$work/artifacts")" ]; then
+    tail -n 60 "$work/log" >&2
+    echo "== fuzz: failed (exit $rc); inputs in $work/artifacts" >&2
     exit 1
   fi
   echo "== fuzz: passed"
