@@ -12,19 +12,6 @@ constexpr uint32_t kMaskShafts = 64;          // the mask form names a lifted se
 constexpr size_t kCacheBytes = size_t{8} << 20;  // composed rows kept for reuse
 constexpr uint32_t kMaxCachedRows = 4096;
 
-// dst |= src over n bytes, eight at a time.
-void orInto(uint8_t* dst, const uint8_t* src, size_t n) noexcept {
-  size_t i = 0;
-  for (; i + 8 <= n; i += 8) {
-    uint64_t a, b;
-    std::memcpy(&a, dst + i, 8);
-    std::memcpy(&b, src + i, 8);
-    a |= b;
-    std::memcpy(dst + i, &a, 8);
-  }
-  for (; i < n; ++i) dst[i] |= src[i];
-}
-
 }  // namespace
 
 void Drawdown::prepare(uint32_t width, std::span<const uint32_t> first,
@@ -86,7 +73,7 @@ void Drawdown::prepare(uint32_t width, std::span<const uint32_t> first,
   }
 
   if (none <= kMaskShafts) {
-    maskStride_ = (rowBytes_ + 7) / 8 * 8;
+    maskStride_ = (rowBytes_ + 15) / 16 * 16;
     masks_.assign(size_t{none} * maskStride_, 0);
     for (uint32_t u = 0; u < none; ++u)
       for (uint32_t k = endsStart_[u]; k < endsStart_[u + 1]; ++k)
@@ -113,10 +100,28 @@ void Drawdown::lowerAll() noexcept {
   liftedEnds_ = 0;
 }
 
+// Sixteen bytes of the row at a time, ORed over every lifted mask in a
+// register before one store; the masks' stride is a multiple of 16 bytes.
 void Drawdown::composeFromMasks(uint8_t* row) const noexcept {
-  std::memcpy(row, &masks_[size_t{liftedList_[0]} * maskStride_], rowBytes_);
-  for (size_t k = 1; k < liftedList_.size(); ++k)
-    orInto(row, &masks_[size_t{liftedList_[k]} * maskStride_], rowBytes_);
+  using Chunk = uint8_t __attribute__((vector_size(16)));
+  const uint8_t* masks[kMaskShafts];
+  const size_t lifted = liftedList_.size();
+  for (size_t k = 0; k < lifted; ++k) masks[k] = &masks_[size_t{liftedList_[k]} * maskStride_];
+  const size_t whole = rowBytes_ / 16 * 16;
+  for (size_t i = 0; i < whole; i += 16) {
+    Chunk acc, next;
+    std::memcpy(&acc, masks[0] + i, 16);
+    for (size_t k = 1; k < lifted; ++k) {
+      std::memcpy(&next, masks[k] + i, 16);
+      acc |= next;
+    }
+    std::memcpy(row + i, &acc, 16);
+  }
+  for (size_t i = whole; i < rowBytes_; ++i) {
+    uint8_t acc = 0;
+    for (size_t k = 0; k < lifted; ++k) acc |= masks[k][i];
+    row[i] = acc;
+  }
 }
 
 void Drawdown::composeSparse(uint8_t* row) const noexcept {
@@ -152,11 +157,21 @@ void Drawdown::composeDense(uint8_t* row) const noexcept {
   }
 }
 
+bool Drawdown::reuse(uint8_t* row, uint64_t key) noexcept {
+  const auto hit = byKey_.find(key);
+  if (hit == byKey_.end()) return false;
+  std::memcpy(row, &cacheRows_[size_t{hit->second} * rowBytes_], rowBytes_);
+  return true;
+}
+
 void Drawdown::compose(uint8_t* row, uint64_t key) {
-  const bool maskForm = used_.size() <= kMaskShafts;
-  if (maskForm) key = liftedBits_;
+  // A row is cached under the caller's key, or in the mask form under its
+  // lifted set.
+  const bool byBits = key == kNoKey && used_.size() <= kMaskShafts;
+  auto& cache = byBits ? byBits_ : byKey_;
+  if (byBits) key = liftedBits_;
   if (key != kNoKey) {
-    if (auto hit = cached_.find(key); hit != cached_.end()) {
+    if (auto hit = cache.find(key); hit != cache.end()) {
       std::memcpy(row, &cacheRows_[size_t{hit->second} * rowBytes_], rowBytes_);
       lowerAll();
       return;
@@ -165,8 +180,8 @@ void Drawdown::compose(uint8_t* row, uint64_t key) {
   if (liftedList_.empty()) {
     std::memset(row, 0, rowBytes_);
   } else {
-    // Rough costs: a word of a mask, a scattered bit, half an end gathered.
-    const uint64_t masks = maskForm ? uint64_t{liftedList_.size()} * (maskStride_ / 8) : UINT64_MAX;
+    // Rough costs: sixteen bytes of masks, a scattered bit, half an end gathered.
+    const uint64_t masks = masks_.empty() ? UINT64_MAX : uint64_t{liftedList_.size()} * (maskStride_ / 16);
     const uint64_t sparse = liftedEnds_ + rowBytes_ / 8;
     const uint64_t dense = uint64_t{width_} / 2 * (second_.empty() ? 1 : 2);
     if (masks <= sparse && masks <= dense) composeFromMasks(row);
@@ -174,12 +189,12 @@ void Drawdown::compose(uint8_t* row, uint64_t key) {
     else composeDense(row);
   }
   lowerAll();
-  if (key == kNoKey || cached_.size() >= cacheCapacity_) return;
+  if (key == kNoKey || cachedRows_ >= cacheCapacity_) return;
   try {
-    const uint32_t slot = uint32_t(cached_.size());
-    cacheRows_.resize(size_t{slot + 1} * rowBytes_);
-    std::memcpy(&cacheRows_[size_t{slot} * rowBytes_], row, rowBytes_);
-    cached_.emplace(key, slot);
+    cacheRows_.resize(size_t{cachedRows_ + 1} * rowBytes_);
+    std::memcpy(&cacheRows_[size_t{cachedRows_} * rowBytes_], row, rowBytes_);
+    cache.emplace(key, cachedRows_);
+    ++cachedRows_;
   } catch (const std::bad_alloc&) {
     cacheCapacity_ = 0;  // no room for a cache: compose every row
   }

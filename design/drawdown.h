@@ -41,9 +41,11 @@ class Drawdown {
 
   // Writes the row (width bits, whole bytes) for the shafts lifted since the
   // last call, then lowers them all. `key`, when given, names the lifted set
-  // (a treadle, say) so that the row can be cached when the mask form does
-  // not name it already. Throws std::bad_alloc.
+  // (a treadle, say): the row is cached under it. Throws std::bad_alloc.
   void compose(uint8_t* row, uint64_t key = kNoKey);
+  // Writes the row cached under `key` and returns true, if there is one; a
+  // caller may ask before it lifts anything.
+  bool reuse(uint8_t* row, uint64_t key) noexcept;
 
   uint32_t rowBytes() const noexcept { return rowBytes_; }
 
@@ -67,10 +69,10 @@ class Drawdown {
   uint64_t liftedBits_ = 0;  // mask form: the lifted set as bits
   uint64_t liftedEnds_ = 0;  // ends hanging on the lifted shafts
 
-  // Composed rows by key, while they fit the budget.
-  std::unordered_map<uint64_t, uint32_t> cached_;
+  // Composed rows by the caller's key or by lifted set, while they fit the budget.
+  std::unordered_map<uint64_t, uint32_t> byKey_, byBits_;
   std::vector<uint8_t> cacheRows_;
-  uint32_t cacheCapacity_ = 0;
+  uint32_t cachedRows_ = 0, cacheCapacity_ = 0;
 };
 
 }  // namespace ldr

@@ -114,7 +114,12 @@ struct WeaveBlock {
 
   bool bit(uint64_t k) const noexcept {
     uint8_t b;
-    copy(&b, k / 8, 1);
+    if (source.empty()) {
+      const uint64_t i = k / 8;
+      b = i < size && i < stored ? data[i] : 0;
+    } else {
+      copy(&b, k / 8, 1);
+    }
     return b >> (k % 8) & 1;
   }
 

@@ -324,6 +324,7 @@ Status deliver(const Band& band) {
       case Mode::Treadles: {
         // Treadles from 8192 on have no tie-up row: nothing rises.
         const uint32_t t = st.treadle[pick];
+        if (st.drawdown.reuse(row, t)) break;
         if (t < uint32_t(kMaxShaft)) {
           for (uint32_t k = st.rows.start[t]; k < st.rows.start[t + 1]; ++k)
             st.drawdown.lift(st.rows.shafts[k]);
