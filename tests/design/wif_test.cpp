@@ -155,6 +155,7 @@ TEST(WifDrawdown, LineRules) {
       {"end on two shafts", "[THREADING]\n3=2,1\n[TREADLING]\n1=1\n2=2\n", {0xA0, 0x60}},
       {"numbers out of range skipped", "[THREADING]\n1=0\n2=9000\n5=1\n[TREADLING]\n1=1\n2=9000\n", {0x80, 0x40}},
       {"a blank before = spoils a treadling line", "[TREADLING]\n 1 = 4\n2=3\n", {0x80, 0x20}},
+      {"a 120000-byte line comes in pieces", "[TREADLING]\n1=" + std::string(120000, '7') + "\n2=3\n", {0x80, 0x20}},
       // Quirk kept: a section line right after another is taken as a key line.
       {"section right after a section", "[THREADING]\n[TREADLING]\n1=3\n", {0x00, 0x40}},
   };
