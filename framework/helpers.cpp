@@ -53,7 +53,8 @@ int tolowerAZ(int c) { return c >= 'A' && c <= 'Z' ? c + 32 : c; }
 
 void stringToLower(char* s) {
   if (!s) return;
-  for (; *s; ++s) *s = char(tolowerAZ(uint8_t(*s)));
+  for (; *s; ++s)
+    if (*s >= 'A' && *s <= 'Z') *s = char(*s + 32);  // tolowerAZ, inlined for long lines
 }
 
 // Quirk: without '=' the result points one past the terminator. Callers use

@@ -13,8 +13,11 @@ thread_local EndLoadFn t_endLoad = nullptr;
 thread_local bool t_firstCall = true;
 
 // Per-thread tables that loaders build once, before the thread's first
-// dispatch. The weave and fabric key tables join here with their loaders.
-void setUpThreadTables() noexcept {}
+// dispatch.
+void setUpThreadTables() noexcept {
+  initLoadFabric();
+  initLoadWeave();
+}
 
 }  // namespace
 }  // namespace ldr

@@ -6,7 +6,8 @@
 //   bit 3     readColorMap
 //   bits 4-7  0..7: detection (loader number 0) with the extension chosen by
 //             the next input byte from the catalogue; 8..15: an available
-//             loader chosen by that byte, installed by number
+//             loader chosen by that byte, installed by number, the file named
+//             with the loader's first extension
 // Invariants that crash on purpose: no descriptor left open after a load, and
 // no status outside the documented set.
 #include <fcntl.h>
@@ -21,6 +22,7 @@
 
 #include "framework/catalogue.h"
 #include "framework/file.h"
+#include "fuzz/extensions.h"
 #include "tools/drive.h"
 #include "vload.h"
 
@@ -48,23 +50,6 @@ void require(bool ok, const char* what) {
 
 bool knownStatus(uint32_t s) { return s == 0 || (s >= 2 && s <= 7); }
 
-// Extensions the catalogue lists, each once, plus one that names nothing.
-const std::vector<std::string>& extensions() {
-  static const std::vector<std::string> all = [] {
-    std::vector<std::string> e{".bin"};
-    for (const ldr::LoaderInfo& l : ldr::loaders()) {
-      std::string list = l.extensions;
-      for (size_t start = 0; start < list.size();) {
-        const size_t end = std::min(list.find(' ', start), list.size());
-        e.push_back("." + list.substr(start, end - start));
-        start = end + 1;
-      }
-    }
-    return e;
-  }();
-  return all;
-}
-
 std::vector<int32_t> availableLoaders() {
   std::vector<int32_t> n;
   for (const ldr::LoaderInfo& l : ldr::loaders())
@@ -91,9 +76,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bool readMap = options & 8;
   const bool byNumber = (options >> 4) >= 8;
   static const std::vector<int32_t> available = availableLoaders();
-  const std::string& ext = extensions()[choice % extensions().size()];
+  const int32_t asked = byNumber ? available[choice % available.size()] : 0;
+  const std::string ext = byNumber ? vfuzz::extensionOf(asked)
+                                   : vfuzz::extensions()[choice % vfuzz::extensions().size()];
   // A fresh name for every input: the probe cache keys on name and size.
-  const std::string path = g_dir + "/in" + std::to_string(g_counter++) + (byNumber ? ".bin" : ext);
+  const std::string path = g_dir + "/in" + std::to_string(g_counter++) + ext;
   if (std::FILE* f = std::fopen(path.c_str(), "wb")) {
     std::fwrite(data, 1, size - 2, f);
     std::fclose(f);
@@ -102,7 +89,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
 
   const int fds = lowestFreeFd();
-  const int32_t asked = byNumber ? available[choice % available.size()] : 0;
   vload_tool::Description d;
   d.loader = vload_tool::install(asked, path.c_str());
   if (ldr::loaderInfo(int32_t(d.loader))) {

@@ -287,6 +287,30 @@ VLOAD_API size_t readCompressedData(const char *sizeText, void *destination,
    sizeText holds no number. */
 VLOAD_API int skipCompressedData(const char *sizeText, FILE *stream);
 
+/* ---- Weave and fabric files ------------------------------------------------------ */
+/* Set up the calling thread's key tables of the weave and fabric readers.
+   returnLoaderFunctions calls both on its first call in a thread; the weave
+   loader refuses every file in a thread where initLoadWeave was never called. */
+VLOAD_API void initLoadWeave(void);
+VLOAD_API void initLoadFabric(void);
+/*
+ * Reads a weave header from `stream`, positioned after its first line, which
+ * `line` (a buffer of at least 100000 bytes, used for the following lines)
+ * already holds. A first line other than "#BINDING" and a line feed returns 1
+ * and reads nothing. Otherwise the header is read up to its END line: the
+ * outputs give the layout (*rowsPacked 1: *bits holds the weave row by row,
+ * (width + 7) / 8 bytes a row, leftmost end in the top bit; 0: *bits holds a
+ * lift plan, bit s * height + p, least significant bit first, set when shaft s
+ * rises on pick p), the size, the mirror flag, the shaft of each end (*map)
+ * and the picture (*bits). *map and *bits are overwritten, never freed, and
+ * come from malloc: free them whatever the result (either may be NULL).
+ * Returns 1 when the header was read, 0 when it is broken (or the thread's key
+ * table was never set up), 2 when there was no memory for a picture block.
+ */
+VLOAD_API uint64_t readVelmorWeave(FILE *stream, char *line, uint8_t *rowsPacked,
+                                   uint32_t *width, uint32_t *height, uint8_t *mirrorX,
+                                   uint32_t **map, uint8_t **bits);
+
 /* ---- Settings of the calling thread ------------------------------------------ */
 /* Each setter stores a copy for the calling thread; NULL clears it. A getter
    returns NULL in a thread that never set the value; its pointer stays valid

@@ -51,6 +51,7 @@ run_fuzz() {
   local dirs=("$work/corpus" "$work/seeds")
   [ -d fuzz/regressions ] && dirs+=(fuzz/regressions)
   [ -d ../shared/corpus/bmp ] && dirs+=(../shared/corpus/bmp)
+  [ -d ../shared/corpus/wif ] && dirs+=(../shared/corpus/wif)
   local rc=0
   build/fuzz/fuzz/loader_fuzzer -max_total_time="${FUZZ_SECONDS:-60}" -rss_limit_mb=2048 \
     -timeout=10 -print_final_stats=1 -artifact_prefix="$work/artifacts/" "${dirs[@]}" \

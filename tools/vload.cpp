@@ -146,6 +146,23 @@ std::string jsonString(const char* s) {
 
 // ---- info
 
+// An information text of several lines shows one quoted line under another;
+// the blank lines between them are dropped.
+std::string infoLines(const char* s) {
+  if (!std::strpbrk(s, "\r\n")) return jsonString(s);
+  std::string out, line;
+  for (const char* p = s;; ++p) {
+    if (*p && *p != '\r' && *p != '\n') {
+      line += *p;
+      continue;
+    }
+    if (!line.empty()) out += (out.empty() ? "" : "\n              ") + jsonString(line.c_str());
+    line.clear();
+    if (!*p) break;
+  }
+  return out.empty() ? jsonString(s) : out;
+}
+
 int runInfo(const std::vector<std::string>& files, int32_t forced, bool json) {
   int failures = 0;
   if (json) std::fputs("[", g_out);
@@ -185,7 +202,7 @@ int runInfo(const std::vector<std::string>& files, int32_t forced, bool json) {
                  path.c_str(), d.loader, formatName(d.loader).c_str(), d.width, d.height, d.layout,
                  layoutName(d.layout), densities(d.xDensity, d.yDensity).c_str(),
                  d.xRepeat, d.yRepeat, d.mirrorX ? "yes" : "no", d.firstPart ? "yes" : "no",
-                 jsonString(d.info).c_str());
+                 infoLines(d.info).c_str());
   }
   if (json) std::fputs("\n]\n", g_out);
   return failures ? 1 : 0;
