@@ -223,7 +223,14 @@ void ColumnPlan::gather(const uint8_t* record, uint8_t* out, bool setWhenZero) c
     // byte holds its run with the first pixel in the top bit.
     uint64_t v = 0;
     const uint8_t* s = record + g.first;
-    for (int k = 0; k < g.length; ++k) v |= uint64_t(s[ptrdiff_t(k) * g.stride]) << (56 - 8 * k);
+    if (g.length == 8) {
+      const ptrdiff_t d = g.stride;
+      v = uint64_t(s[0]) << 56 | uint64_t(s[d]) << 48 | uint64_t(s[2 * d]) << 40 |
+          uint64_t(s[3 * d]) << 32 | uint64_t(s[4 * d]) << 24 | uint64_t(s[5 * d]) << 16 |
+          uint64_t(s[6 * d]) << 8 | uint64_t(s[7 * d]);
+    } else {
+      for (int k = 0; k < g.length; ++k) v |= uint64_t(s[ptrdiff_t(k) * g.stride]) << (56 - 8 * k);
+    }
     const uint64_t t = transpose8x8(v) ^ flip;
     const unsigned mask = (0xFF00u >> g.length) & 0xFF;
     for (unsigned present = g.present; present; present &= present - 1) {
@@ -238,13 +245,38 @@ void ColumnPlan::gather(const uint8_t* record, uint8_t* out, bool setWhenZero) c
 
 // ---- Choosing the module size
 
+// Bits are counted 16 bytes at a time into byte-wide counters, one vector
+// per bit of the byte, which are added into `counts` before they can wrap.
 void countSetBits(const uint8_t* records, uint32_t rows, uint32_t recordBytes,
                   std::span<uint32_t> counts) noexcept {
+  using V16 = uint8_t __attribute__((vector_size(16)));
+  constexpr uint32_t kLanes = 16, kMaxRowsPerFlush = 255;
   std::fill(counts.begin(), counts.end(), 0u);
-  for (uint32_t r = 0; r < rows; ++r) {
-    const uint8_t* rec = records + size_t{r} * recordBytes;
-    for (uint32_t i = 0; i < recordBytes; ++i)
-      for (uint32_t b = 0; b < 8; ++b) counts[size_t{i} * 8 + b] += rec[i] >> b & 1;
+  const uint32_t chunks = recordBytes / kLanes;
+  std::vector<V16> acc;
+  try {
+    acc.resize(size_t{chunks} * 8);
+  } catch (const std::bad_alloc&) {
+    return;  // counts stay 0: every mapping scores alike
+  }
+  for (uint32_t first = 0; first < rows; first += kMaxRowsPerFlush) {
+    const uint32_t last = std::min(rows, first + kMaxRowsPerFlush);
+    std::fill(acc.begin(), acc.end(), V16{});
+    for (uint32_t r = first; r < last; ++r) {
+      const uint8_t* rec = records + size_t{r} * recordBytes;
+      for (uint32_t c = 0; c < chunks; ++c) {
+        V16 v;
+        std::memcpy(&v, rec + size_t{c} * kLanes, kLanes);
+        V16* a = &acc[size_t{c} * 8];
+        for (int b = 0; b < 8; ++b) a[b] += (v >> b) & 1;
+      }
+      for (uint32_t i = chunks * kLanes; i < recordBytes; ++i)
+        for (uint32_t b = 0; b < 8; ++b) counts[size_t{i} * 8 + b] += rec[i] >> b & 1;
+    }
+    for (uint32_t c = 0; c < chunks; ++c)
+      for (uint32_t b = 0; b < 8; ++b)
+        for (uint32_t lane = 0; lane < kLanes; ++lane)
+          counts[(size_t{c} * kLanes + lane) * 8 + b] += acc[size_t{c} * 8 + b][lane];
   }
 }
 
