@@ -208,6 +208,10 @@ void ColumnPlan::build(std::span<const uint32_t> map, uint32_t recordBytes) {
     g.to[bit] = uint32_t(x);
     x += length;
   }
+  for (Group& g : groups_) {
+    g.whole = g.present == 0xFF && g.length == 8;
+    for (uint32_t to : g.to) g.whole = g.whole && to % 8 == 0;
+  }
 }
 
 void ColumnPlan::buildIdentity(uint32_t width, uint32_t recordBytes) {
@@ -232,6 +236,11 @@ void ColumnPlan::gather(const uint8_t* record, uint8_t* out, bool setWhenZero) c
       for (int k = 0; k < g.length; ++k) v |= uint64_t(s[ptrdiff_t(k) * g.stride]) << (56 - 8 * k);
     }
     const uint64_t t = transpose8x8(v) ^ flip;
+    if (g.whole) {
+      // The common case of the wide module sizes: whole bytes, stored as they are.
+      for (int b = 0; b < 8; ++b) out[g.to[b] / 8] = uint8_t(t >> (8 * b));
+      continue;
+    }
     const unsigned mask = (0xFF00u >> g.length) & 0xFF;
     for (unsigned present = g.present; present; present &= present - 1) {
       const int b = __builtin_ctz(present);

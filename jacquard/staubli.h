@@ -67,6 +67,7 @@ class ColumnPlan {
     int32_t stride = 0;  // bytes from one pixel's source to the next
     uint8_t length = 0;  // pixels a run covers, 1..8
     uint8_t present = 0; // bit b set: the run of file bit b exists
+    bool whole = false;  // eight runs of 8 pixels, each filling one output byte
     uint32_t to[8] = {}; // first output pixel of the run of file bit b
   };
   std::vector<Group> groups_;
