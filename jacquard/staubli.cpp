@@ -349,6 +349,8 @@ constexpr size_t kIdentityPlan = 3;
 
 }  // namespace
 
+// Pixels from the hook count to the end of a wider stride are not part of
+// the card and stay clear: plans cover the first `hooks` columns only.
 void mapRows(CardState& st, const uint8_t* records, uint32_t rows, const Band& band) {
   ColumnPlan* plan = &st.plans[kIdentityPlan];
   if (st.recordBytes < kMinMappedRecordBytes) {

@@ -128,6 +128,8 @@ Status nextJc3Volume(CardState& st) {
   return Status::Ok;
 }
 
+// A record is ceil(hooks / 8) bytes whatever stride the caller passes, so a
+// wider stride never reads into the next record; its extra bytes stay clear.
 Status deliverJc3(const Band& band) {
   CardState& st = t_card;
   if (const Status s = checkBand(st, band); s != Status::Ok) return s;
@@ -326,6 +328,7 @@ void copyBits(uint8_t* dst, uint64_t at, const uint8_t* src, uint32_t bits) {
   }
 }
 
+// As for JC3, a record is its padded width in bytes whatever the stride.
 Status deliverJc5(const Band& band) {
   CardState& st = t_card;
   if (const Status s = checkBand(st, band); s != Status::Ok) return s;
