@@ -79,6 +79,7 @@ constexpr Signature kSignatures[] = {
     {76, "8BPS"sv, nullptr},
     {24, "BM"sv, bmpHeaderSize},
     {9, "0010"sv, nullptr},
+    {15, "\x81\xFE"sv, nullptr},
 };
 
 uint8_t fold(char c) noexcept { return uint8_t(tolowerAZ(uint8_t(c))); }
@@ -101,6 +102,60 @@ bool extensionMatches(std::string_view list, std::string_view name, uint32_t pac
     if (ext.size() <= 4 ? packed == pack(ext) : endsWith(name, ext)) return true;
   }
   return false;
+}
+
+// ---- Cards known by their names
+
+bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
+
+// "NAME.jc4.01": the volumes of a numbered set, lower case as written.
+bool isVolumeOf(std::string_view name, std::string_view ext) noexcept {
+  const size_t n = name.size();
+  return n > ext.size() + 3 && name.substr(n - ext.size() - 3, ext.size()) == ext &&
+         name[n - 3] == '.' && isDigit(name[n - 2]) && isDigit(name[n - 1]);
+}
+
+uint32_t be32(const uint8_t* p) noexcept {
+  return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+}
+
+// Staubli cards whose first bytes say too little on their own: mailed cards
+// ("C" and their volume bytes, under ".jc4" or ".dat") and volumes of JC4
+// and JC3 sets.
+uint32_t byCardName(std::string_view name, std::span<const uint8_t> h) noexcept {
+  if ((endsWith(name, "jc4") || endsWith(name, "dat")) && h.size() > 34 && h[0] == 'C' &&
+      h[33] == 1 && h[34] >= 1 && h[34] <= 25)
+    return 17;
+  if (isVolumeOf(name, ".jc4")) return 13;
+  if (isVolumeOf(name, ".jc3")) return 14;
+  return VLOAD_NOT_RECOGNISED;
+}
+
+// Last resorts, by the rules the loaders apply: a network card, whose name
+// ends in its hook count and whose size is a whole number of records, and a
+// loom card, whose header announces exactly the data that follows it.
+uint32_t byCardShape(std::string_view name, std::span<const uint8_t> h, int64_t size) noexcept {
+  const size_t mark = name.find_last_of(".+");
+  if (mark != std::string_view::npos && mark > 0 && name.size() - mark > 2 &&
+      name.size() - mark <= 7) {
+    uint32_t hooks = 0;
+    bool digits = true;
+    for (char c : name.substr(mark + 1)) {
+      digits = digits && isDigit(c);
+      hooks = hooks * 10 + uint32_t(c - '0');
+    }
+    const uint32_t record = hooks / 8;
+    if (digits && hooks >= 40 && hooks <= 262140 && size % record == 0 && size / record >= 2 &&
+        size / record <= 262140)
+      return 16;
+  }
+  if (size >= 64 && h.size() >= 64) {
+    const uint32_t hooks = uint32_t(h[0]) << 8 | h[1], data = be32(&h[20]);
+    if (hooks % 8 == 0 && hooks > 0 && data / (hooks / 8) >= 1 &&
+        data / (hooks / 8) <= 262140 && uint64_t(size) == uint64_t{data} + 64)
+      return 61;
+  }
+  return VLOAD_NOT_RECOGNISED;
 }
 
 uint32_t bySignature(const char* fileName) noexcept {
@@ -137,9 +192,14 @@ uint32_t detectLoader(const char* fileName) noexcept {
     if (packed == p) return VLOAD_NOT_A_PICTURE;
 
   if (const uint32_t n = bySignature(fileName); n != VLOAD_NOT_RECOGNISED) return n;
+  const uint8_t* header = loadImgCheckHeader(fileName);
+  const int64_t size = header ? loadImgLastFilesize() : -1;
+  const std::span<const uint8_t> bytes(header, header ? size_t(size < 256 ? size : 256) : 0);
+  if (const uint32_t n = byCardName(name, bytes); n != VLOAD_NOT_RECOGNISED) return n;
 
   for (const LoaderInfo& l : loaders())
     if (extensionMatches(l.extensions, name, packed)) return uint32_t(l.number);
+  if (header) return byCardShape(name, bytes, size);
   return VLOAD_NOT_RECOGNISED;
 }
 

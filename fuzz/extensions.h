@@ -30,8 +30,12 @@ inline const std::vector<std::string>& extensions() {
 }
 
 // The name ending for a file handed to a loader by number: its first
-// extension, so that loaders that go by the name see one they accept.
+// extension, so that loaders that go by the name see one they accept. JC4
+// network cards carry their hook count there (1348: a count no module size
+// divides), mailed JC4 cards a ".dat".
 inline std::string extensionOf(int32_t loader) {
+  if (loader == 16) return ".1348";
+  if (loader == 17) return ".dat";
   const ldr::LoaderInfo* l = ldr::loaderInfo(loader);
   if (!l || !*l->extensions) return ".bin";
   const std::string_view list = l->extensions;

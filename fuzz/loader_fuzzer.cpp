@@ -8,8 +8,9 @@
 //             the next input byte from the catalogue; 8..15: an available
 //             loader chosen by that byte, installed by number, the file named
 //             with the loader's first extension
-// Invariants that crash on purpose: no descriptor left open after a load, and
-// no status outside the documented set.
+// Invariants that crash on purpose: no descriptor left open after a load, no
+// file left in the fuzzing folder, and no status outside the documented set.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -48,6 +49,15 @@ void require(bool ok, const char* what) {
   }
 }
 
+bool emptyFolder(const std::string& dir) {
+  DIR* d = ::opendir(dir.c_str());
+  if (!d) return false;
+  int entries = 0;
+  while (const dirent* e = ::readdir(d)) entries += e->d_name[0] != '.';
+  ::closedir(d);
+  return entries == 0;
+}
+
 bool knownStatus(uint32_t s) { return s == 0 || (s >= 2 && s <= 7); }
 
 std::vector<int32_t> availableLoaders() {
@@ -64,6 +74,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   std::string pattern = std::string(base && *base ? base : "/tmp") + "/vload-fuzz-XXXXXX";
   if (!::mkdtemp(pattern.data())) std::abort();
   g_dir = pattern;
+  // ZC5 cards unpack into the fuzzing folder, which must be empty again after each input.
+  llibSetTmpDir(g_dir.c_str());
+  llibSetGzipCommand("gzip");
   SuppressNonFatalErrors = 1;
   std::freopen("/dev/null", "w", stdout);  // loaders' notes would flood the log
   return 0;
@@ -105,5 +118,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   require(lowestFreeFd() == fds, "a descriptor was left open");
   std::remove(path.c_str());
+  require(emptyFolder(g_dir), "a temporary file was left behind");
   return 0;
 }

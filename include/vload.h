@@ -311,6 +311,33 @@ VLOAD_API uint64_t readVelmorWeave(FILE *stream, char *line, uint8_t *rowsPacked
                                    uint32_t *width, uint32_t *height, uint8_t *mirrorX,
                                    uint32_t **map, uint8_t **bits);
 
+/* ---- Jacquard hook mapping -------------------------------------------------------- */
+/*
+ * Staubli harnesses are built of modules of 1344, 1536 or 3072 hooks, wired in
+ * groups of 12; card files store the hooks in that wiring order.
+ *
+ * makeStaubliMapping fills map[0 .. S-1] with the hook order of one module of
+ * S = moduleSize hooks (1344 or 1536; any other value builds a 3072-hook
+ * module, so map must then hold 3072 entries).
+ *
+ * invertStaubliMapping extends such an order to moduleSize x modules entries
+ * (map must hold that many): modules follow one another when blockwise is
+ * non-zero, otherwise they take turns group by group (12 hooks of each module
+ * in turn), as JC4 cards store them. With invert non-zero the result is
+ * inverted, so that after
+ *     makeStaubliMapping(map, S); invertStaubliMapping(map, S, modules, 1, 0);
+ * picture column x shows file hook position map[x]. Nothing happens for a
+ * NULL map or a size or count below 1, or when there is no memory for the
+ * temporary copy.
+ */
+VLOAD_API void makeStaubliMapping(uint32_t *map, int32_t moduleSize);
+VLOAD_API void invertStaubliMapping(uint32_t *map, int32_t moduleSize, int32_t modules,
+                                    int32_t invert, int32_t blockwise);
+/* The calling thread's module size for JC4 cards whose hook count several
+   sizes divide: 0 (the default) lets each band's data decide, 1 (or any
+   negative value) 1344, 2 1536, 3 or more 3072. Kept until set again. */
+VLOAD_API void setDefaultMappingJC4(int32_t value);
+
 /* ---- Settings of the calling thread ------------------------------------------ */
 /* Each setter stores a copy for the calling thread; NULL clears it. A getter
    returns NULL in a thread that never set the value; its pointer stays valid

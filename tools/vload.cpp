@@ -1,8 +1,12 @@
 // tools/vload.cpp: the vload command: inspect and convert the files libVload reads.
 //
-//   vload info FILE... [--loader N] [--json]
-//   vload convert FILE OUT.png [--loader N] [--band ROWS] [--mirror] [--quiet]
+//   vload [--tmp-dir DIR] [--gzip COMMAND] info FILE... [--loader N] [--json]
+//   vload [--tmp-dir DIR] [--gzip COMMAND] convert FILE OUT.png [--loader N] [--band ROWS]
+//         [--mirror] [--quiet]
 //   vload formats [--markdown]
+//
+// --tmp-dir and --gzip set what compressed cards (ZC5) are unpacked with:
+// by default $TMPDIR (or /tmp) and "gzip".
 //
 // Loaders may print notes on standard output; the tool sends those to
 // standard error, so that its own output (JSON above all) stays clean.
@@ -13,6 +17,7 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -315,6 +320,10 @@ int main(int argc, char** argv) {
   int32_t loader = 0;
   uint32_t band = 64;
   bool json = false, mirror = false, quiet = false;
+  const char* tmp = std::getenv("TMPDIR");
+  std::string tmpDir = tmp && *tmp ? tmp : "/tmp", gzip = "gzip";
+  app.add_option("--tmp-dir", tmpDir, "folder for unpacked compressed cards")->capture_default_str();
+  app.add_option("--gzip", gzip, "command that unpacks gzip-compressed cards")->capture_default_str();
 
   CLI::App* info = app.add_subcommand("info", "describe files: loader, size, layout, densities, info text");
   info->add_option("files", files, "files to describe")->required();
@@ -339,6 +348,8 @@ int main(int argc, char** argv) {
   formats->add_flag("--markdown", markdown, "print a Markdown table");
 
   CLI11_PARSE(app, argc, argv);
+  llibSetTmpDir(tmpDir.c_str());
+  llibSetGzipCommand(gzip.c_str());
 
   // The tool's own output keeps the real standard output; whatever a loader
   // prints there goes to standard error instead.

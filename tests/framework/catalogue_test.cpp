@@ -60,8 +60,10 @@ TEST(Catalogue, AvailabilityMatchesWhatRegistrationInstalls) {
 
 TEST(Catalogue, NamesAndQuestions) {
   EXPECT_STREQ(returnLoaderString(24), "BMP");
-  EXPECT_STREQ(returnLoaderString(13), "Staubli JC4 (not available)");
-  EXPECT_STREQ(returnLoaderStringNoLogo(13), "JC4 (not available)");
+  EXPECT_STREQ(returnLoaderString(13), "Staubli JC4");
+  EXPECT_STREQ(returnLoaderStringNoLogo(13), "JC4");
+  EXPECT_STREQ(returnLoaderString(52), "Nissan card (not available)");
+  EXPECT_STREQ(returnLoaderStringNoLogo(52), "card (not available)");
   EXPECT_STREQ(returnLoaderStringJustLogo(13), "Staubli");
   for (int32_t n : {0, 78, -5}) {
     EXPECT_STREQ(returnLoaderString(n), "Unknown format");

@@ -1,0 +1,194 @@
+// jacquard/staubli.h: what the Staubli card loaders share. One per-thread
+// state for the open card, the hook mapping and its column plans, reading card
+// bytes across numbered volumes, and the close operation.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "framework/file.h"
+#include "framework/loader.h"
+#include "framework/status.h"
+
+namespace ldr::staubli {
+
+// ---- Limits and constants
+
+constexpr uint32_t kMaxHooks = 262140;  // widest card any of these loaders delivers
+constexpr uint32_t kMaxPicks = 262140;  // longest card
+// Module sizes in the order the data-driven choice tries them.
+constexpr uint32_t kModuleSizes[] = {1344, 1536, 3072};
+// Records narrower than this many bytes are never mapped: they hold less than
+// one harness module.
+constexpr uint32_t kMinMappedRecordBytes = 168;
+constexpr int kMaxVolumeSwitches = 100;  // volumes tried in a row for one byte of data
+
+// ---- Hook mapping
+
+// One module's hook order, moduleSize entries (1344, 1536; anything else is
+// built as 3072).
+void buildModuleOrder(uint32_t* map, int32_t moduleSize) noexcept;
+// Column x of a card of `modules` modules of `moduleSize` hooks reads file
+// hook position result[x]. Modules interleave group by group (12 hooks of
+// each module in turn) unless `blockwise`, where they follow one another.
+// Empty when moduleSize × modules is not a sensible size.
+std::vector<uint32_t> cardMapping(uint32_t moduleSize, uint32_t modules, bool blockwise);
+
+// The module size a card of `hooks` hooks would use before the data decide.
+uint32_t preliminaryModuleSize(uint32_t hooks, bool nineThousandIsWide) noexcept;
+// Modules of moduleSize needed for `hooks`, rounded up.
+inline uint32_t modulesFor(uint32_t hooks, uint32_t moduleSize) noexcept {
+  return (hooks + moduleSize - 1) / moduleSize;
+}
+
+// Turns records into rows: which file bit each output pixel shows, compiled
+// into groups of up to 8 source bytes whose 64 bits go to up to 8 runs of
+// consecutive pixels, so a band costs one 8x8 bit transpose per group.
+class ColumnPlan {
+ public:
+  // map[x] is the file bit position of pixel x; positions at or beyond
+  // recordBytes × 8 are not in the record and leave their pixel clear.
+  void build(std::span<const uint32_t> map, uint32_t recordBytes);
+  // Identity: pixel x shows file bit x (bit x % 8 of byte x / 8).
+  void buildIdentity(uint32_t width, uint32_t recordBytes);
+  // ORs one row into `out` (cleared by the caller): a pixel is set where its
+  // file bit is 0 when setWhenZero, else where it is 1.
+  void gather(const uint8_t* record, uint8_t* out, bool setWhenZero) const noexcept;
+  bool empty() const noexcept { return groups_.empty(); }
+
+ private:
+  struct Group {
+    uint32_t first = 0;  // byte of pixel 0 of every run
+    int32_t stride = 0;  // bytes from one pixel's source to the next
+    uint8_t length = 0;  // pixels a run covers, 1..8
+    uint8_t present = 0; // bit b set: the run of file bit b exists
+    bool whole = false;  // eight runs of 8 pixels, each filling one output byte
+    uint32_t to[8] = {}; // first output pixel of the run of file bit b
+  };
+  std::vector<Group> groups_;
+};
+
+// Counts, for the chooser: the file bits of `rows` records of recordBytes
+// bytes, `counts` holding recordBytes × 8 entries.
+void countSetBits(const uint8_t* records, uint32_t rows, uint32_t recordBytes,
+                  std::span<uint32_t> counts) noexcept;
+
+// ---- Volumes
+
+// Advances a name's two-digit volume suffix ("09" to "10"); false when the
+// name has no such suffix or is at "99".
+bool nextVolumeName(std::string& name) noexcept;
+// True when `name` ends in `tail` followed by two decimal digits.
+bool hasVolumeSuffix(const std::string& name, const char* tail) noexcept;
+
+// ---- Shared state
+
+// A file this library made and must delete: removed when the owner is reset
+// or destroyed.
+class TemporaryFile {
+ public:
+  TemporaryFile() = default;
+  explicit TemporaryFile(std::string path) noexcept : path_(std::move(path)) {}
+  TemporaryFile(TemporaryFile&& other) noexcept : path_(std::move(other.path_)) { other.path_.clear(); }
+  TemporaryFile& operator=(TemporaryFile&& other) noexcept {
+    if (this != &other) {
+      remove();
+      path_ = std::move(other.path_);
+      other.path_.clear();
+    }
+    return *this;
+  }
+  ~TemporaryFile() { remove(); }
+  void remove() noexcept;
+  const std::string& path() const noexcept { return path_; }
+
+ private:
+  std::string path_;
+};
+
+enum class Card : uint8_t { None, Jc4, Jc4Email, Jc4Network, Jc3, Jc5 };
+
+// The card being read, from tryLoad to endLoad. Owns the open volume, the
+// temporary file of a decompressed card, and the band buffers.
+struct CardState {
+  Card card = Card::None;
+  File file;
+  std::string name;  // working name: the volume suffix is rewritten in place
+  uint32_t hooks = 0, recordBytes = 0, moduleSize = 0, modules = 0;
+  uint32_t height = 0, delivered = 0;
+  // JC4 family: data bytes of the present volume and how many were used.
+  uint64_t volumeBytes = 0, consumed = 0;
+  uint64_t dataStart = 0;   // where records start in a volume
+  bool volumeMode = false;  // JC3, JC5: a numbered set
+  uint32_t volumePicks = 0, volumeRead = 0;  // JC3: records a volume holds, read from it
+  bool lengthened = false;  // JC4 e-mail: a volume letter was inserted into the name
+  // JC5 sections, side by side: hooks of each, and the padded record width.
+  std::vector<uint32_t> sectionHooks;
+  uint64_t paddedBits = 0;
+  TemporaryFile temporary;  // a decompressed card, deleted with the state
+  Block work;
+  size_t workBytes = 0;
+  // Column plans by module size (index into kModuleSizes; 3 = identity) and
+  // the mappings the chooser walks.
+  ColumnPlan plans[4];
+  std::vector<uint32_t> candidateMaps[3];
+  std::vector<uint32_t> counts;
+  Status failed = Status::Ok;
+};
+
+extern thread_local CardState t_card;
+// The host's default module choice for ambiguous JC4 cards (0 = the data decide).
+extern thread_local int32_t t_defaultMapping;
+
+// Resets the state: closes the volume and deletes a temporary card now.
+void release() noexcept;
+
+// ---- Shared steps
+
+// The 64-byte JC4 header, which the e-mail variant embeds.
+constexpr size_t kJc4HeaderBytes = 64;
+struct Jc4Header {
+  uint32_t hooks = 0, dataBytes = 0, picks = 0;
+  char design[17] = {};  // the 16 name bytes and a terminator
+};
+// Hooks, data bytes and the limits on bytes 34..36; NotThisFormat for a
+// header that breaks them, BadData for more picks than any card has.
+Status parseJc4Header(const uint8_t* h, Jc4Header& out);
+// loadBand of the JC4 family: reads the band's records (across volumes, with
+// `nextVolume` opening the next) and maps them into the rows.
+Status deliverJc4Family(const Band& band, Status (*nextVolume)(CardState&));
+
+// Band checks every card loader makes: a load is open, the buffer and
+// counts make sense, and no more rows are asked for than remain.
+Status checkBand(const CardState& st, const Band& band);
+// A work area of at least n bytes, kept between bands.
+uint8_t* workArea(CardState& st, size_t n);
+
+// The fixed outputs of a card: one bit a pixel, mirrored, single layer.
+void describeCard(Picture& out, uint8_t* colorMap, uint32_t width, uint32_t height);
+
+// JC4 family: reads n bytes of card data into dst, moving to the next volume
+// (opened by `nextVolume`) whenever one is used up. Bytes past the end of a
+// file read as zero.
+Status readCardBytes(CardState& st, uint8_t* dst, size_t n, Status (*nextVolume)(CardState&));
+
+// JC4 family: the plan for this band (identity for narrow records, else the
+// module size chosen from the band's records) gathered into the rows.
+void mapRows(CardState& st, const uint8_t* records, uint32_t rows, const Band& band);
+
+// Bit order reversal of every byte (bit 0 becomes bit 7), complemented too
+// when `negate`.
+void reverseNegateBytes(uint8_t* bytes, size_t n, bool negate) noexcept;
+
+// Size of an open file; -1 when unknown.
+int64_t fileSize(std::FILE* f) noexcept;
+
+uint32_t be16(const uint8_t* p) noexcept;
+uint32_t be32(const uint8_t* p) noexcept;
+
+}  // namespace ldr::staubli
