@@ -10,13 +10,17 @@
 // Cache: the first colour met in a cube cell (6 bits a channel) is searched
 // exhaustively and its answer serves every later colour of that cell, even
 // where that colour's own nearest entry differs. The approximation is
-// deliberate: it bounds the searches to one per used cell.
+// deliberate: it bounds the searches to one per used cell. The cache is
+// allocated per call (512 KB for 8-bit indices, 1 MB for 16-bit).
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <type_traits>
 
 namespace ldr::colour {
 
@@ -101,34 +105,43 @@ class Palette {
  private:
   // Entries in planes, padded to whole blocks with entries too far away to
   // win; a flagged entry is moved out there too.
-  Array<int32_t> red_, green_, blue_;
+  Array<float> red_, green_, blue_;
   int32_t padded_ = 0;
 };
 
+// Each cell holds its entry, or all ones while it is unresolved: one load
+// answers both questions (resolved? which entry?), which matters on the
+// ditherer's critical path. Entries are one size wider than Index for that.
+// Cells are stored in Z order (the bits of the three 6-bit channels
+// interleaved), so that cells near in colour share cache lines: colours in
+// a picture wander in all three channels at once.
 template <class Index>
 class NearestCache {
+  using Slot = std::conditional_t<sizeof(Index) == 1, uint16_t, uint32_t>;
+  // The six cell bits of a channel value, three places apart.
+  static constexpr auto kSpread = [] {
+    std::array<uint32_t, 256> t{};
+    for (uint32_t v = 0; v < 256; ++v)
+      for (uint32_t bit = 0; bit < 6; ++bit) t[v] |= (v >> (2 + bit) & 1) << (3 * bit);
+    return t;
+  }();
+
  public:
   [[nodiscard]] bool init(const Palette& palette) noexcept {
     palette_ = &palette;
-    index_ = allocArray<Index>(kCells);
-    known_ = allocArray<uint64_t>(kCells / 64);
-    return index_ && known_;
+    slots_ = Array<Slot>(static_cast<Slot*>(std::malloc(kCells * sizeof(Slot))));
+    if (slots_) std::memset(slots_.get(), 0xFF, kCells * sizeof(Slot));
+    return bool(slots_);
   }
   Index lookup(uint32_t r, uint32_t g, uint32_t b) noexcept {
-    const uint32_t cell = cellOf(r, g, b);
-    uint64_t& word = known_[cell >> 6];
-    const uint64_t bit = uint64_t{1} << (cell & 63);
-    if (!(word & bit)) {
-      index_[cell] = static_cast<Index>(palette_->nearest(int32_t(r), int32_t(g), int32_t(b)));
-      word |= bit;
-    }
-    return index_[cell];
+    Slot& slot = slots_[kSpread[r] << 2 | kSpread[g] << 1 | kSpread[b]];
+    if (slot == Slot(~Slot(0))) slot = Slot(palette_->nearest(int32_t(r), int32_t(g), int32_t(b)));
+    return Index(slot);
   }
 
  private:
   const Palette* palette_ = nullptr;
-  Array<Index> index_;
-  Array<uint64_t> known_;
+  Array<Slot> slots_;
 };
 
 // The first entry whose transparent flag is set, or -1.
