@@ -26,7 +26,7 @@ namespace {
 // ---- Limits and constants
 constexpr int32_t kLevels = 64;              // values of a 6-bit channel
 constexpr double kLeastPriority = 0.00001;   // boxes spread less than this are not split
-constexpr float kUnsplittable = std::numeric_limits<float>::infinity();
+constexpr double kUnsplittable = std::numeric_limits<double>::infinity();
 
 // ---- Boxes
 struct Box {
@@ -152,12 +152,20 @@ class MedianCut {
       if (cuttable) cuts[c] = findCut(b, c);
       lastLow[c] = cuttable ? int64_t(cuts[c].at) : -1;
     }
-    // One pass over the box's cells gives every candidate's low half.
+    // One pass over the box's cells gives every candidate's low half. Only
+    // the span its pixels occupy is visited: outside it every cell is empty.
+    uint32_t from[3], to[3];
+    for (int c = 0; c < 3; ++c) {
+      from[c] = b.lo[c];
+      to[c] = b.hi[c];
+      while (from[c] < to[c] && !b.hist[c][from[c]]) ++from[c];
+      while (to[c] > from[c] && !b.hist[c][to[c] - 1]) --to[c];
+    }
     uint64_t lowHist[3][3][kLevels] = {};
-    for (uint32_t r = b.lo[0]; r < b.hi[0]; ++r)
-      for (uint32_t g = b.lo[1]; g < b.hi[1]; ++g) {
+    for (uint32_t r = from[0]; r < to[0]; ++r)
+      for (uint32_t g = from[1]; g < to[1]; ++g) {
         const uint64_t* row = cube_.get() + (r << 12 | g << 6);
-        for (uint32_t bl = b.lo[2]; bl < b.hi[2]; ++bl) {
+        for (uint32_t bl = from[2]; bl < to[2]; ++bl) {
           const uint64_t n = row[bl];
           if (!n) continue;
           const uint32_t v[3] = {r, g, bl};
@@ -167,7 +175,7 @@ class MedianCut {
         }
       }
     Box lows[3], highs[3];
-    float score[3];
+    double score[3];
     for (int c = 0; c < 3; ++c) {
       score[c] = kUnsplittable;
       if (lastLow[c] < 0) continue;
@@ -184,7 +192,7 @@ class MedianCut {
         for (int v = 0; v < kLevels; ++v) hi.hist[k][v] -= lowHist[c][k][v];
       computeStatistics(lo, total_);
       computeStatistics(hi, total_);
-      score[c] = float(lo.priority + hi.priority);
+      score[c] = lo.priority + hi.priority;
     }
     const int chosen = score[0] <= score[1] && score[0] <= score[2]   ? 0
                        : score[1] <= score[0] && score[1] <= score[2] ? 1

@@ -259,6 +259,16 @@ bool loadPalette(const std::string& path, uint8_t* map, int& count) {
   return problem.empty();
 }
 
+// Writes the PNG; on failure says why and leaves no partial file.
+int writeOutput(const std::string& output, const PngPicture& png) {
+  if (const char* problem = writePng(output.c_str(), png)) {
+    complain(output, problem);
+    std::remove(output.c_str());
+    return 1;
+  }
+  return 0;
+}
+
 // Reduces the picture per --colors/--palette/--dither/--noise/--size and
 // writes it as a palette PNG.
 int writeRecoloured(const Description& d, const uint8_t* image, const RecolourOptions& o,
@@ -284,12 +294,7 @@ int writeRecoloured(const Description& d, const uint8_t* image, const RecolourOp
     png.xDensity = d.xDensity;
     png.yDensity = d.yDensity;
   }
-  if (const char* problem = writePng(output.c_str(), png)) {
-    complain(output, problem);
-    std::remove(output.c_str());
-    return 1;
-  }
-  return 0;
+  return writeOutput(output, png);
 }
 
 int runConvert(const std::string& path, const std::string& output, int32_t forced, uint32_t band,
@@ -329,12 +334,7 @@ int runConvert(const std::string& path, const std::string& output, int32_t force
   png.colours = d.layout == VLOAD_LAYOUT_INDEXED ? coloursUsed(d, image.get()) : 0;
   png.xDensity = d.xDensity;
   png.yDensity = d.yDensity;
-  if (const char* problem = writePng(output.c_str(), png)) {
-    complain(output, problem);
-    std::remove(output.c_str());
-    return 1;
-  }
-  return 0;
+  return writeOutput(output, png);
 }
 
 // ---- formats
