@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <thread>
 #include <vector>
 
 #include "colour/colour.h"
@@ -171,6 +172,24 @@ TEST(Remap, NoiseIsSeededBoundedAndStaysOnEligibleEntries) {
     EXPECT_EQ(lo, -n);
     EXPECT_EQ(hi, n);
   }
+}
+
+TEST(ColourTools, ThreadsShareNothing) {
+  // Each thread has its own random sequence: the same seed gives the same
+  // noisy dithering in every thread, whatever the others do meanwhile.
+  const Bytes src = vtest::photoLike(48, 32, 3, 11), map = vtest::randomPixels(24, 1, 3, 12);
+  const auto run = [&](Bytes& out) {
+    ldr::colour::seedRandom(3);
+    out.assign(48 * 32, 0);
+    colorQuantizeDitherFS(src.data(), 144, out.data(), 48, 48, 32, 48, 32, map.data(), 24, 12, 30);
+  };
+  Bytes alone, a, b;
+  run(alone);
+  std::thread first([&] { run(a); }), second([&] { run(b); });
+  first.join();
+  second.join();
+  EXPECT_EQ(a, alone);
+  EXPECT_EQ(b, alone);
 }
 
 TEST(ColourTools, BadArgumentsWriteNothing) {
