@@ -14,7 +14,6 @@
 // allocated per call (512 KB for 8-bit indices, 1 MB for 16-bit).
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -112,19 +111,9 @@ class Palette {
 // Each cell holds its entry, or all ones while it is unresolved: one load
 // answers both questions (resolved? which entry?), which matters on the
 // ditherer's critical path. Entries are one size wider than Index for that.
-// Cells are stored in Z order (the bits of the three 6-bit channels
-// interleaved), so that cells near in colour share cache lines: colours in
-// a picture wander in all three channels at once.
 template <class Index>
 class NearestCache {
   using Slot = std::conditional_t<sizeof(Index) == 1, uint16_t, uint32_t>;
-  // The six cell bits of a channel value, three places apart.
-  static constexpr auto kSpread = [] {
-    std::array<uint32_t, 256> t{};
-    for (uint32_t v = 0; v < 256; ++v)
-      for (uint32_t bit = 0; bit < 6; ++bit) t[v] |= (v >> (2 + bit) & 1) << (3 * bit);
-    return t;
-  }();
 
  public:
   [[nodiscard]] bool init(const Palette& palette) noexcept {
@@ -134,7 +123,7 @@ class NearestCache {
     return bool(slots_);
   }
   Index lookup(uint32_t r, uint32_t g, uint32_t b) noexcept {
-    Slot& slot = slots_[kSpread[r] << 2 | kSpread[g] << 1 | kSpread[b]];
+    Slot& slot = slots_[cellOf(r, g, b)];
     if (slot == Slot(~Slot(0))) slot = Slot(palette_->nearest(int32_t(r), int32_t(g), int32_t(b)));
     return Index(slot);
   }
