@@ -360,6 +360,98 @@ VLOAD_API void llibUpscale1BitToCmapBMP(int flag);
 VLOAD_API void llibSetBonasLinePadding(int value);
 VLOAD_API void setVerboseXML(int value);
 
+/* ---- Colour tools --------------------------------------------------------------
+ * Turn a true-colour picture into an indexed one. They work on the caller's
+ * buffers only and keep nothing between calls; every stride is in bytes and
+ * at least one row. A true-colour picture has 3 bytes a pixel (R, G, B) or,
+ * in the RGBA variants, 4 (R, G, B, A); an index picture one byte a pixel (two
+ * in colorQuantizeDitherFS16); a colour map is entries of 3 bytes R, G, B.
+ *
+ * Transparent flags (RGBA variants): one byte per colour-map entry, non-zero
+ * for the transparent entry. A pixel of alpha 0 takes the first flagged entry;
+ * flagged entries are never chosen for other pixels. Other alpha values count
+ * as opaque (except in checkRGBAPalette).
+ *
+ * Nearest colour: the entry at the smallest squared RGB distance, the first of
+ * equals; but the first colour met in each cube cell (the top 6 bits of each
+ * channel) decides for the whole cell, so a later colour of the same cell may
+ * get an entry that is not quite its own nearest. This is what makes the
+ * tools fast. Noise (0..100, clamped) adds random offsets in -noise..noise to
+ * each channel first; the random numbers are the library's own, per thread.
+ *
+ * Bad arguments (null pointers, sizes below 1, short strides, colour counts
+ * outside 1..256, or 1..65536 for the 16-bit ditherer) write nothing.
+ */
+/* Reduces a picture to at most *colourCount colours (1..256 on entry; on return
+   the number made), writing indices to dst and the colours to colourMap. A
+   picture with no more colours than wanted keeps them exactly, in order of
+   first appearance; otherwise a median cut of the colour cube picks them.
+   With src NULL, dst holds an index picture over the 256 entries of colourMap,
+   which is reduced in place. Returns 0; on bad arguments or when memory runs
+   out *colourCount is left unchanged. */
+VLOAD_API int32_t colorQuantize(const uint8_t *src, int32_t srcStride, uint8_t *dst,
+                                int32_t dstStride, int32_t width, int32_t height,
+                                uint8_t *colourMap, int32_t *colourCount);
+/* The same for RGBA pixels. When some pixel has alpha 0 and transparentFlags
+   (256 bytes, written) is given, one entry is kept for those pixels: entry 0
+   when the colours are kept exactly, else the entry after the cut colours; it
+   reads 0, 0, 0 and is the only flagged one. With src NULL the flags mark the
+   old map's transparent entries on entry. */
+VLOAD_API int32_t colorQuantizeRGBA(const uint8_t *src, int32_t srcStride, uint8_t *dst,
+                                    int32_t dstStride, int32_t width, int32_t height,
+                                    uint8_t *colourMap, int32_t *colourCount,
+                                    uint8_t *transparentFlags);
+/* Maps every pixel to the nearest of colourCount entries. Return 1, or 0 for
+   bad arguments or when memory runs out. */
+VLOAD_API int32_t trueColorRemapToCmap(const uint8_t *src, int32_t srcStride, uint8_t *dst,
+                                       int32_t dstStride, int32_t width, int32_t height,
+                                       const uint8_t *colourMap, int32_t colourCount,
+                                       int32_t noise);
+VLOAD_API int32_t RGBARemapToCmap(const uint8_t *src, int32_t srcStride, uint8_t *dst,
+                                  int32_t dstStride, int32_t width, int32_t height,
+                                  const uint8_t *colourMap, int32_t colourCount,
+                                  const uint8_t *transparentFlags, int32_t noise);
+/* Floyd-Steinberg dithering onto a colour map while scaling srcWidth x
+   srcHeight to dstWidth x dstHeight by nearest neighbour (output column x takes
+   source column x * srcWidth / dstWidth, rows likewise). Rows run left to
+   right; the error goes 7/16 right, 3/16 below left, 5/16 below, 1/16 below
+   right, times strength/16 (0..16, clamped; 0 maps to the nearest colour).
+   colorQuantizeDitherFS_Internal takes bytesPerPixel 3 or 4 (transparent
+   flags only with 4); the 16-bit variant writes 16-bit indices (dstStride in
+   bytes, even) and takes up to 65536 entries. */
+VLOAD_API void colorQuantizeDitherFS(const uint8_t *src, int32_t srcStride, uint8_t *dst,
+                                     int32_t dstStride, int32_t srcWidth, int32_t srcHeight,
+                                     int32_t dstWidth, int32_t dstHeight,
+                                     const uint8_t *colourMap, int32_t colourCount,
+                                     int32_t strength, int32_t noise);
+VLOAD_API void RGBAcolorQuantizeDitherFS(const uint8_t *src, int32_t srcStride, uint8_t *dst,
+                                         int32_t dstStride, int32_t srcWidth, int32_t srcHeight,
+                                         int32_t dstWidth, int32_t dstHeight,
+                                         const uint8_t *colourMap, int32_t colourCount,
+                                         const uint8_t *transparentFlags, int32_t strength,
+                                         int32_t noise);
+VLOAD_API void colorQuantizeDitherFS_Internal(const uint8_t *src, int32_t srcStride, uint8_t *dst,
+                                              int32_t dstStride, int32_t srcWidth,
+                                              int32_t srcHeight, int32_t dstWidth,
+                                              int32_t dstHeight, const uint8_t *colourMap,
+                                              int32_t colourCount, const uint8_t *transparentFlags,
+                                              int32_t strength, int32_t noise,
+                                              int32_t bytesPerPixel);
+VLOAD_API void colorQuantizeDitherFS16(const uint8_t *src, int32_t srcStride, uint16_t *dst,
+                                       int32_t dstStride, int32_t srcWidth, int32_t srcHeight,
+                                       int32_t dstWidth, int32_t dstHeight,
+                                       const uint8_t *colourMap, int32_t colourCount,
+                                       int32_t strength, int32_t noise);
+/* The picture's distinct colours in order of first appearance: returns their
+   number (1..256) with the colours in colourMap (768 bytes), or 0 when there
+   are more than 256. checkRGBAPalette counts opaque pixels (alpha 255), skips
+   alpha 0, and returns 0 for any other alpha; its entry 0 is the first pixel's
+   colour whatever that pixel's alpha. */
+VLOAD_API int32_t checkTrueColorPalette(const uint8_t *src, int32_t srcStride, int32_t width,
+                                        int32_t height, uint8_t *colourMap);
+VLOAD_API int32_t checkRGBAPalette(const uint8_t *src, int32_t srcStride, int32_t width,
+                                   int32_t height, uint8_t *colourMap);
+
 #ifdef __cplusplus
 }
 #endif

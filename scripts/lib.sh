@@ -4,7 +4,7 @@
 BUILD_PACKAGES=(cmake ninja-build g++ pkg-config zlib1g-dev libpng-dev libjpeg62-turbo-dev
                 libtiff-dev libwebp-dev libcli11-dev)
 TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev libgif-dev clang libclang-rt-14-dev
-               binutils python3 python3-pil)
+               binutils python3 python3-pil libimagequant-dev)
 
 need_packages() {
   local missing=()

@@ -3,7 +3,8 @@
 #   unit     release build with warnings as errors; every test; a benchmark smoke run
 #   asan     every test under AddressSanitizer and UndefinedBehaviorSanitizer
 #   tsan     every test under ThreadSanitizer
-#   fuzz     the libFuzzer target (clang) for FUZZ_SECONDS seconds (60)
+#   fuzz     the libFuzzer targets (clang): loaders for FUZZ_SECONDS seconds (60), colour
+#            tools for COLOUR_FUZZ_SECONDS (20)
 #   package  install, then build a consumer with find_package(Vload) and pkg-config
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -42,26 +43,32 @@ run_tsan() {
   echo "== tsan: passed"
 }
 
+fuzz_target() {  # fuzz_target NAME SECONDS DIR... : runs one libFuzzer target, fails the run on a find
+  local name=$1 seconds=$2 work=build/fuzz/run rc=0
+  shift 2
+  mkdir -p "$work/$name-artifacts"
+  "build/fuzz/fuzz/$name" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 \
+    -print_final_stats=1 -artifact_prefix="$work/$name-artifacts/" "$@" >"$work/$name.log" 2>&1 || rc=$?
+  grep -E '^(stat::|SUMMARY)' "$work/$name.log" || true
+  if [ "$rc" -ne 0 ] || [ -n "$(ls -A "$work/$name-artifacts")" ]; then
+    tail -n 60 "$work/$name.log" >&2
+    echo "== fuzz: $name failed (exit $rc); inputs in $work/$name-artifacts" >&2
+    exit 1
+  fi
+}
+
 run_fuzz() {
   CC=clang CXX=clang++ configure build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVLOAD_FUZZ=ON \
-    -DVLOAD_TESTS=OFF -- loader_fuzzer make_seeds
+    -DVLOAD_TESTS=OFF -- loader_fuzzer colour_fuzzer make_seeds
   local work=build/fuzz/run
-  rm -rf "$work" && mkdir -p "$work/corpus" "$work/seeds" "$work/artifacts"
+  rm -rf "$work" && mkdir -p "$work/corpus" "$work/seeds" "$work/colour-corpus"
   build/fuzz/fuzz/make_seeds "$work/seeds" >/dev/null
   local dirs=("$work/corpus" "$work/seeds")
   [ -d fuzz/regressions ] && dirs+=(fuzz/regressions)
   [ -d ../shared/corpus/bmp ] && dirs+=(../shared/corpus/bmp)
   [ -d ../shared/corpus/wif ] && dirs+=(../shared/corpus/wif)
-  local rc=0
-  build/fuzz/fuzz/loader_fuzzer -max_total_time="${FUZZ_SECONDS:-60}" -rss_limit_mb=2048 \
-    -timeout=10 -print_final_stats=1 -artifact_prefix="$work/artifacts/" "${dirs[@]}" \
-    >"$work/log" 2>&1 || rc=$?
-  grep -E '^(stat::|SUMMARY)' "$work/log" || true
-  if [ "$rc" -ne 0 ] || [ -n "$(ls -A "$work/artifacts")" ]; then
-    tail -n 60 "$work/log" >&2
-    echo "== fuzz: failed (exit $rc); inputs in $work/artifacts" >&2
-    exit 1
-  fi
+  fuzz_target loader_fuzzer "${FUZZ_SECONDS:-60}" "${dirs[@]}"
+  fuzz_target colour_fuzzer "${COLOUR_FUZZ_SECONDS:-20}" "$work/colour-corpus" fuzz/colour-regressions
   echo "== fuzz: passed"
 }
 

@@ -44,6 +44,11 @@ bool writeAll(Writer* w, const PngPicture* p) {
     for (int i = 0; i < p->colours; ++i)
       palette[i] = {p->colourMap[3 * i], p->colourMap[3 * i + 1], p->colourMap[3 * i + 2]};
     png_set_PLTE(w->png, w->info, palette, p->colours);
+    if (p->transparent >= 0 && p->transparent < p->colours) {
+      png_byte alpha[256];
+      for (int i = 0; i <= p->transparent; ++i) alpha[i] = i == p->transparent ? 0 : 255;
+      png_set_tRNS(w->png, w->info, alpha, p->transparent + 1, nullptr);
+    }
   }
   if (p->xDensity && p->yDensity)  // thousandths of a dpi to pixels per metre
     png_set_pHYs(w->png, w->info, png_uint_32(p->xDensity / 25.4 + 0.5),

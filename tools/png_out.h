@@ -12,6 +12,7 @@ struct PngPicture {
   uint8_t layout = 0;                  // VLOAD_LAYOUT_*
   const uint8_t* colourMap = nullptr;  // 256 x R, G, B for the indexed layout
   int colours = 256;                   // palette entries to write for the indexed layout
+  int transparent = -1;                // indexed layout: the fully transparent entry, or -1
   uint32_t xDensity = 0, yDensity = 0;  // thousandths of a dpi; written when both are known
 };
 

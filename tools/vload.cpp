@@ -2,7 +2,8 @@
 //
 //   vload [--tmp-dir DIR] [--gzip COMMAND] info FILE... [--loader N] [--json]
 //   vload [--tmp-dir DIR] [--gzip COMMAND] convert FILE OUT.png [--loader N] [--band ROWS]
-//         [--mirror] [--quiet]
+//         [--mirror] [--quiet] [--colors N | --palette FILE] [--dither 0..16]
+//         [--noise 0..100] [--size WxH]
 //   vload formats [--markdown]
 //
 // --tmp-dir and --gzip set what compressed cards (ZC5) are unpacked with:
@@ -26,6 +27,7 @@
 #include "framework/file.h"
 #include "tools/drive.h"
 #include "tools/png_out.h"
+#include "tools/recolour.h"
 #include "vload.h"
 
 namespace vload_tool {
@@ -248,8 +250,60 @@ uint64_t physicalMemory() {
   return pages > 0 && pageSize > 0 ? uint64_t(pages) * uint64_t(pageSize) : UINT64_MAX;
 }
 
+// Loads a palette file through the library and takes its colours.
+bool loadPalette(const std::string& path, uint8_t* map, int& count) {
+  Description d;
+  if (!open(path, 0, d, true)) return false;
+  const uint64_t bytes = imageBytes(d);
+  ldr::Block image = bytes && bytes <= physicalMemory() ? ldr::allocBlock(size_t(bytes)) : nullptr;
+  const uint32_t status = image ? deliverAll(d, image.get(), 0) : VLOAD_NO_MEMORY;
+  endLoad();
+  std::string problem = status == VLOAD_OK ? paletteOf(d, image.get(), map, count)
+                                           : statusProblem(status, d.loader, true);
+  if (!problem.empty()) complain(path, problem);
+  return problem.empty();
+}
+
+// Writes the PNG; on failure says why and leaves no partial file.
+int writeOutput(const std::string& output, const PngPicture& png) {
+  if (const char* problem = writePng(output.c_str(), png)) {
+    complain(output, problem);
+    std::remove(output.c_str());
+    return 1;
+  }
+  return 0;
+}
+
+// Reduces the picture per --colors/--palette/--dither/--noise/--size and
+// writes it as a palette PNG.
+int writeRecoloured(const Description& d, const uint8_t* image, const RecolourOptions& o,
+                    const std::string& palette, const std::string& path, const std::string& output) {
+  uint8_t map[256 * 3];
+  int count = 0;
+  if (o.palette && !loadPalette(palette, map, count)) return 1;
+  Indexed ix;
+  if (const std::string problem = recolour(d, image, o, map, count, ix); !problem.empty()) {
+    complain(path, problem);
+    return 1;
+  }
+  PngPicture png;
+  png.pixels = ix.pixels.data();
+  png.width = ix.width;
+  png.height = ix.height;
+  png.stride = int32_t(ix.width);
+  png.layout = VLOAD_LAYOUT_INDEXED;
+  png.colourMap = ix.map;
+  png.colours = ix.colours;
+  png.transparent = ix.transparent;
+  if (ix.width == d.width && ix.height == d.height) {  // densities hold only unscaled
+    png.xDensity = d.xDensity;
+    png.yDensity = d.yDensity;
+  }
+  return writeOutput(output, png);
+}
+
 int runConvert(const std::string& path, const std::string& output, int32_t forced, uint32_t band,
-               bool mirror, bool quiet) {
+               bool mirror, bool quiet, const RecolourOptions& colours, const std::string& palette) {
   Description d;
   if (!open(path, forced, d, true)) return 1;
   const uint64_t bytes = imageBytes(d);
@@ -274,6 +328,7 @@ int runConvert(const std::string& path, const std::string& output, int32_t force
     return 1;
   }
   if (mirror && d.mirrorX) mirrorRows(d, image.get());
+  if (colours.asked()) return writeRecoloured(d, image.get(), colours, palette, path, output);
   PngPicture png;
   png.pixels = image.get();
   png.width = d.width;
@@ -284,12 +339,7 @@ int runConvert(const std::string& path, const std::string& output, int32_t force
   png.colours = d.layout == VLOAD_LAYOUT_INDEXED ? coloursUsed(d, image.get()) : 0;
   png.xDensity = d.xDensity;
   png.yDensity = d.yDensity;
-  if (const char* problem = writePng(output.c_str(), png)) {
-    complain(output, problem);
-    std::remove(output.c_str());
-    return 1;
-  }
-  return 0;
+  return writeOutput(output, png);
 }
 
 // ---- formats
@@ -341,6 +391,18 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(0, 1 << 30));
   convert->add_flag("--mirror", mirror, "apply the file's horizontal mirror flag");
   convert->add_flag("--quiet", quiet, "no progress line");
+  RecolourOptions colours;
+  std::string palette, size;
+  CLI::Option* colorsOption =
+      convert->add_option("--colors", colours.colours, "reduce to at most N colours (median cut)")
+          ->check(CLI::Range(1, 256));
+  convert->add_option("--palette", palette, "map onto the colours of this palette file (any format read)")
+      ->excludes(colorsOption);
+  convert->add_option("--dither", colours.dither, "Floyd-Steinberg dithering, strength 0..16 (16: full)")
+      ->check(CLI::Range(0, 16));
+  convert->add_option("--noise", colours.noise, "random noise 0..100 added before mapping")
+      ->check(CLI::Range(0, 100));
+  convert->add_option("--size", size, "output size WxH, scaled by nearest neighbour");
 
   bool markdown = false;
   CLI::App* formats =
@@ -350,6 +412,15 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
   llibSetTmpDir(tmpDir.c_str());
   llibSetGzipCommand(gzip.c_str());
+  colours.palette = !palette.empty();
+  if (!size.empty() && !parseSize(size, colours.width, colours.height)) {
+    std::fprintf(stderr, "vload: --size: \"%s\" is not WxH with sides 1..1048576\n", size.c_str());
+    return 2;
+  }
+  if (colours.asked() && !colours.colours && !colours.palette) {
+    std::fputs("vload: --dither, --noise and --size need --colors or --palette\n", stderr);
+    return 2;
+  }
 
   // The tool's own output keeps the real standard output; whatever a loader
   // prints there goes to standard error instead.
@@ -361,7 +432,7 @@ int main(int argc, char** argv) {
   }
   int rc = 0;
   if (*info) rc = runInfo(files, loader, json);
-  else if (*convert) rc = runConvert(input, output, loader, band, mirror, quiet);
+  else if (*convert) rc = runConvert(input, output, loader, band, mirror, quiet, colours, palette);
   else rc = runFormats(markdown);
   std::fflush(g_out);
   return rc;

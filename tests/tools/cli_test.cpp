@@ -59,6 +59,7 @@ struct Png {
   int colourType = -1, depth = 0;
   std::vector<png_color> palette;
   png_uint_32 xPpm = 0, yPpm = 0;
+  std::vector<uint8_t> alphas;  // tRNS of a palette picture
   Bytes rows;  // as stored: packed bits, indexes, RGB or RGBA
 };
 
@@ -74,6 +75,9 @@ bool readPngInto(std::FILE* f, png_structp png, png_infop info, Png* p) {
   png_colorp palette = nullptr;
   int entries = 0;
   if (png_get_PLTE(png, info, &palette, &entries)) p->palette.assign(palette, palette + entries);
+  png_bytep alpha = nullptr;
+  int alphaCount = 0;
+  if (png_get_tRNS(png, info, &alpha, &alphaCount, nullptr)) p->alphas.assign(alpha, alpha + alphaCount);
   int unit = 0;
   png_get_pHYs(png, info, &p->xPpm, &p->yPpm, &unit);
   const size_t rowBytes = png_get_rowbytes(png, info);
@@ -141,6 +145,60 @@ TEST(Cli, PaletteHoldsTheColoursUsed) {
   const Png png = readPng(out);
   ASSERT_EQ(png.palette.size(), 7u);  // indexes up to 6
   EXPECT_EQ(png.palette[6].red, 6);
+}
+
+TEST(Cli, ReducesColoursToAPalettePng) {
+  const auto gradient = [](uint32_t x, uint32_t y, int c) { return uint8_t(x * 8 + y * 5 + c * 60); };
+  const TempFile rgb(BmpBuilder{}.size(32, 16).bits(24).pixels(gradient).build(), ".bmp");
+  const std::string out = outPath("reduced.png");
+  ASSERT_EQ(vload({"convert", rgb.path(), out, "--colors", "5"}).exitCode, 0);
+  Png png = readPng(out);
+  ASSERT_TRUE(png.ok);
+  EXPECT_EQ(png.colourType, PNG_COLOR_TYPE_PALETTE);
+  EXPECT_EQ(png.width, 32u);
+  EXPECT_LE(png.palette.size(), 5u);
+  for (uint8_t i : png.rows) ASSERT_LT(i, png.palette.size());
+
+  // Onto a palette picture's colours, dithered and scaled.
+  const std::vector<vtest::Rgb> yarns = {{200, 30, 30}, {20, 20, 160}, {240, 230, 200}};
+  const TempFile pal(BmpBuilder{}.size(3, 1).bits(8).palette(yarns).pixels(
+                         [](uint32_t x, uint32_t, int) { return uint8_t(x); }).build(), ".bmp");
+  ASSERT_EQ(vload({"convert", rgb.path(), out, "--palette", pal.path(), "--dither", "16", "--size", "16x8"}).exitCode, 0);
+  png = readPng(out);
+  ASSERT_EQ(png.palette.size(), 3u);
+  EXPECT_EQ(png.width, 16u);
+  EXPECT_EQ(png.height, 8u);
+  for (size_t i = 0; i < 3; ++i) EXPECT_EQ(png.palette[i].blue, yarns[i].b);
+
+  // Transparent pixels get a fully transparent entry.
+  const TempFile rgba(BmpBuilder{}.size(8, 8).bits(32).pixels([](uint32_t x, uint32_t y, int c) {
+                        return uint8_t(c == 3 ? (x < 2 ? 0 : 255) : x * 30 + y * 7);
+                      }).build(), ".bmp");
+  ASSERT_EQ(vload({"convert", rgba.path(), out, "--colors", "4", "--noise", "10"}).exitCode, 0);
+  png = readPng(out);
+  ASSERT_FALSE(png.alphas.empty());
+  EXPECT_EQ(png.alphas.back(), 0);
+  EXPECT_EQ(png.rows[0], png.alphas.size() - 1);
+
+  struct Case { std::vector<std::string> args; std::string words; };
+  const TempFile many(BmpBuilder{}.size(300, 1).bits(24).pixels([](uint32_t x, uint32_t, int c) {
+                        return uint8_t(c ? x / 2 : x);
+                      }).build(), ".bmp");
+  const std::vector<Case> refused = {
+      {{"--dither", "8"}, "need --colors or --palette"},
+      {{"--colors", "3", "--size", "10"}, "is not WxH"},
+      {{"--colors", "3", "--palette", pal.path()}, "excludes"},
+      {{"--palette", many.path()}, "more than 256 colours"},
+      {{"--colors", "0"}, "not in range"},
+  };
+  for (const Case& c : refused) {
+    SCOPED_TRACE(c.words);
+    std::vector<std::string> args = {"convert", rgb.path(), out};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const CliRun r = vload(args);
+    EXPECT_NE(r.exitCode, 0);
+    EXPECT_NE(r.err.find(c.words), std::string::npos) << r.err;
+  }
 }
 
 TEST(Cli, InfoAsTextAndJson) {
