@@ -27,6 +27,10 @@
 #include <span>
 #include <vector>
 
+#if defined(__x86_64__)
+#include <tmmintrin.h>
+#endif
+
 #include "framework/checked.h"
 #include "framework/file.h"
 #include "framework/io.h"
@@ -48,6 +52,12 @@ constexpr size_t kResourceHeadBytes = 12;  // signature, id, empty name, size
 constexpr size_t kColourTableBytes = 768;
 constexpr uint32_t kMaxUsedChannels = 5;  // CMYK and alpha
 constexpr size_t kChunkBytes = 256 * 1024;  // a channel's rows are read in pieces of about this size
+// PackBits copies go in whole blocks of this size: a short copy of unknown
+// length costs more than a few bytes copied in vain. The blocks reach up to
+// kBlockSlack - 1 bytes beyond a run, into the rest of the row (written by the
+// runs that follow), the next row (unpacked next) or the slack that every
+// buffer they touch carries at its end.
+constexpr size_t kBlockSlack = 16;
 
 enum Mode : uint16_t {
   kBitmap = 0, kGrey = 1, kIndexed = 2, kRgb = 3, kCmyk = 4, kMultichannel = 7, kDuotone = 8, kLab = 9
@@ -309,9 +319,9 @@ Status describe(const char* fileName, Picture& out, uint8_t* colorMap, bool read
   }
 
   st.chunkRows = std::clamp<uint32_t>(uint32_t(kChunkBytes / st.storedRowBytes), 1, h.height);
-  st.planes = allocBlock(size_t{st.used} * st.chunkRows * st.planeRowBytes);
-  if (h.depth == 16) st.wide = allocBlock(size_t{st.chunkRows} * st.storedRowBytes);
-  if (st.packBits) st.packed = allocBlock(size_t{st.chunkRows} * st.maxPackedRow);
+  st.planes = allocBlock(size_t{st.used} * st.chunkRows * st.planeRowBytes + kBlockSlack);
+  if (h.depth == 16) st.wide = allocBlock(size_t{st.chunkRows} * st.storedRowBytes + kBlockSlack);
+  if (st.packBits) st.packed = allocBlock(size_t{st.chunkRows} * st.maxPackedRow + kBlockSlack);
   if (!st.planes || (h.depth == 16 && !st.wide) || (st.packBits && !st.packed)) return Status::NoMemory;
 
   out.width = h.width;
@@ -324,25 +334,36 @@ Status describe(const char* fileName, Picture& out, uint8_t* colorMap, bool read
 
 // ---- Rows
 
-// Unpacks one PackBits row of `dst.size()` bytes. False when the data ends
-// before the row is full.
-bool unpackBits(std::span<const uint8_t> src, std::span<uint8_t> dst) {
+void copyBlocks(uint8_t* dst, const uint8_t* src, size_t n) {
+  for (size_t k = 0; k < n; k += kBlockSlack) std::memcpy(dst + k, src + k, kBlockSlack);
+}
+
+void fillBlocks(uint8_t* dst, uint8_t value, size_t n) {
+  uint8_t block[kBlockSlack];
+  std::memset(block, value, sizeof block);
+  for (size_t k = 0; k < n; k += kBlockSlack) std::memcpy(dst + k, block, kBlockSlack);
+}
+
+// Unpacks one PackBits row of `rowBytes` bytes from the `count` bytes at
+// `src`. False when the data ends before the row is full.
+bool unpackBits(const uint8_t* src, size_t count, uint8_t* dst, size_t rowBytes) {
   size_t in = 0, out = 0;
-  while (out < dst.size()) {
-    if (in >= src.size()) return false;
+  while (out < rowBytes) {
+    if (in >= count) return false;
     const int8_t header = int8_t(src[in++]);
     if (header == -128) continue;  // no operation
     if (header >= 0) {
       const size_t n = size_t(header) + 1;
-      if (n > src.size() - in) return false;
-      std::memcpy(&dst[out], &src[in], std::min(n, dst.size() - out));
+      if (n > count - in) return false;
+      const size_t kept = std::min(n, rowBytes - out);
+      copyBlocks(dst + out, src + in, kept);
       in += n;
-      out += std::min(n, dst.size() - out);
+      out += kept;
     } else {
-      const size_t n = size_t(1 - header);
-      if (in >= src.size()) return false;
-      std::memset(&dst[out], src[in++], std::min(n, dst.size() - out));
-      out += std::min(n, dst.size() - out);
+      if (in >= count) return false;
+      const size_t kept = std::min(size_t(1 - header), rowBytes - out);
+      fillBlocks(dst + out, src[in++], kept);
+      out += kept;
     }
   }
   return true;
@@ -376,10 +397,108 @@ Status readChannel(PsdState& st, uint32_t channel, uint32_t first, uint32_t rows
   const uint8_t* src = st.packed.get();
   for (uint32_t i = 0; i < rows; src += counts[i++]) {
     uint8_t* to = wide ? st.wide.get() : plane(st, channel, i);
-    if (!unpackBits({src, counts[i]}, {to, st.storedRowBytes})) return Status::BadData;
+    if (!unpackBits(src, counts[i], to, st.storedRowBytes)) return Status::BadData;
     if (wide) narrow(to, plane(st, channel, i), st.width);
   }
   return Status::Ok;
+}
+
+// ---- Planes to pixels
+//
+// RGB documents store each channel's row apart; the caller wants R, G, B
+// together. On x86-64 sixteen pixels go at a time: with SSSE3 byte shuffles
+// for three channels, with SSE2 unpacking for four; a plain loop does the
+// rest of a row and other processors.
+
+void interleave3Plain(const uint8_t* r, const uint8_t* g, const uint8_t* b, uint8_t* out, size_t n) {
+  for (size_t x = 0; x < n; ++x, out += 3) {
+    out[0] = r[x];
+    out[1] = g[x];
+    out[2] = b[x];
+  }
+}
+
+void interleave4Plain(const uint8_t* r, const uint8_t* g, const uint8_t* b, const uint8_t* a,
+                      uint8_t* out, size_t n) {
+  for (size_t x = 0; x < n; ++x, out += 4) {
+    out[0] = r[x];
+    out[1] = g[x];
+    out[2] = b[x];
+    out[3] = a[x];
+  }
+}
+
+#if defined(__x86_64__)
+bool hasSsse3() {
+  static const bool has = __builtin_cpu_supports("ssse3");
+  return has;
+}
+
+// kSpread[out][plane]: the shuffle that moves the bytes of one plane's 16
+// pixels to their places in output vector `out` of 48 interleaved bytes;
+// 0x80 lanes are filled from the other planes.
+constexpr auto kSpread = [] {
+  std::array<std::array<std::array<uint8_t, 16>, 3>, 3> m{};
+  for (auto& out : m)
+    for (auto& plane : out) plane.fill(0x80);
+  for (int p = 0; p < 48; ++p) m[p / 16][p % 3][p % 16] = uint8_t(p / 3);
+  return m;
+}();
+
+__attribute__((target("ssse3"))) void interleave3Ssse3(const uint8_t* r, const uint8_t* g,
+                                                       const uint8_t* b, uint8_t* out, size_t n) {
+  __m128i mask[3][3];
+  for (int o = 0; o < 3; ++o)
+    for (int p = 0; p < 3; ++p)
+      mask[o][p] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kSpread[o][p].data()));
+  size_t x = 0;
+  for (; x + 16 <= n; x += 16) {
+    const __m128i vr = _mm_loadu_si128(reinterpret_cast<const __m128i*>(r + x));
+    const __m128i vg = _mm_loadu_si128(reinterpret_cast<const __m128i*>(g + x));
+    const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
+    __m128i* to = reinterpret_cast<__m128i*>(out + 3 * x);
+    for (int o = 0; o < 3; ++o)
+      _mm_storeu_si128(to + o, _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(vr, mask[o][0]),
+                                                         _mm_shuffle_epi8(vg, mask[o][1])),
+                                            _mm_shuffle_epi8(vb, mask[o][2])));
+  }
+  interleave3Plain(r + x, g + x, b + x, out + 3 * x, n - x);
+}
+
+void interleave4Sse2(const uint8_t* r, const uint8_t* g, const uint8_t* b, const uint8_t* a,
+                     uint8_t* out, size_t n) {
+  size_t x = 0;
+  for (; x + 16 <= n; x += 16) {
+    const __m128i vr = _mm_loadu_si128(reinterpret_cast<const __m128i*>(r + x));
+    const __m128i vg = _mm_loadu_si128(reinterpret_cast<const __m128i*>(g + x));
+    const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
+    const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
+    const __m128i rgLow = _mm_unpacklo_epi8(vr, vg), rgHigh = _mm_unpackhi_epi8(vr, vg);
+    const __m128i baLow = _mm_unpacklo_epi8(vb, va), baHigh = _mm_unpackhi_epi8(vb, va);
+    __m128i* to = reinterpret_cast<__m128i*>(out + 4 * x);
+    _mm_storeu_si128(to, _mm_unpacklo_epi16(rgLow, baLow));
+    _mm_storeu_si128(to + 1, _mm_unpackhi_epi16(rgLow, baLow));
+    _mm_storeu_si128(to + 2, _mm_unpacklo_epi16(rgHigh, baHigh));
+    _mm_storeu_si128(to + 3, _mm_unpackhi_epi16(rgHigh, baHigh));
+  }
+  interleave4Plain(r + x, g + x, b + x, a + x, out + 4 * x, n - x);
+}
+#endif
+
+void interleave3(const uint8_t* r, const uint8_t* g, const uint8_t* b, uint8_t* out, size_t n) {
+#if defined(__x86_64__)
+  if (hasSsse3()) return interleave3Ssse3(r, g, b, out, n);
+#endif
+  interleave3Plain(r, g, b, out, n);
+}
+
+void interleave4(const uint8_t* r, const uint8_t* g, const uint8_t* b, const uint8_t* a,
+                 uint8_t* out, size_t n) {
+#if defined(__x86_64__)
+  return interleave4Sse2(r, g, b, a, out, n);
+#else
+  interleave4Plain(r, g, b, a, out, n);
+#endif
 }
 
 void composeRow(PsdState& st, uint32_t row, uint8_t* out) {
@@ -396,12 +515,8 @@ void composeRow(PsdState& st, uint32_t row, uint8_t* out) {
       }
       return;
     case Compose::Rgb:
-      for (uint32_t x = 0; x < st.width; ++x, out += step) {
-        out[0] = c[0][x];
-        out[1] = c[1][x];
-        out[2] = c[2][x];
-        if (a) out[3] = a[x];
-      }
+      if (a) interleave4(c[0], c[1], c[2], a, out, st.width);
+      else interleave3(c[0], c[1], c[2], out, st.width);
       return;
     case Compose::Cmyk:
       // The document stores ink inverted (255 = none), so each colour is
