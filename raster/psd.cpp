@@ -27,14 +27,11 @@
 #include <span>
 #include <vector>
 
-#if defined(__x86_64__)
-#include <tmmintrin.h>
-#endif
-
 #include "framework/checked.h"
 #include "framework/file.h"
 #include "framework/io.h"
 #include "framework/loader.h"
+#include "framework/pixels.h"
 #include "palette/colour_spaces.h"
 #include "vload.h"
 
@@ -401,104 +398,6 @@ Status readChannel(PsdState& st, uint32_t channel, uint32_t first, uint32_t rows
     if (wide) narrow(to, plane(st, channel, i), st.width);
   }
   return Status::Ok;
-}
-
-// ---- Planes to pixels
-//
-// RGB documents store each channel's row apart; the caller wants R, G, B
-// together. On x86-64 sixteen pixels go at a time: with SSSE3 byte shuffles
-// for three channels, with SSE2 unpacking for four; a plain loop does the
-// rest of a row and other processors.
-
-void interleave3Plain(const uint8_t* r, const uint8_t* g, const uint8_t* b, uint8_t* out, size_t n) {
-  for (size_t x = 0; x < n; ++x, out += 3) {
-    out[0] = r[x];
-    out[1] = g[x];
-    out[2] = b[x];
-  }
-}
-
-void interleave4Plain(const uint8_t* r, const uint8_t* g, const uint8_t* b, const uint8_t* a,
-                      uint8_t* out, size_t n) {
-  for (size_t x = 0; x < n; ++x, out += 4) {
-    out[0] = r[x];
-    out[1] = g[x];
-    out[2] = b[x];
-    out[3] = a[x];
-  }
-}
-
-#if defined(__x86_64__)
-bool hasSsse3() {
-  static const bool has = __builtin_cpu_supports("ssse3");
-  return has;
-}
-
-// kSpread[out][plane]: the shuffle that moves the bytes of one plane's 16
-// pixels to their places in output vector `out` of 48 interleaved bytes;
-// 0x80 lanes are filled from the other planes.
-constexpr auto kSpread = [] {
-  std::array<std::array<std::array<uint8_t, 16>, 3>, 3> m{};
-  for (auto& out : m)
-    for (auto& plane : out) plane.fill(0x80);
-  for (int p = 0; p < 48; ++p) m[p / 16][p % 3][p % 16] = uint8_t(p / 3);
-  return m;
-}();
-
-__attribute__((target("ssse3"))) void interleave3Ssse3(const uint8_t* r, const uint8_t* g,
-                                                       const uint8_t* b, uint8_t* out, size_t n) {
-  __m128i mask[3][3];
-  for (int o = 0; o < 3; ++o)
-    for (int p = 0; p < 3; ++p)
-      mask[o][p] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kSpread[o][p].data()));
-  size_t x = 0;
-  for (; x + 16 <= n; x += 16) {
-    const __m128i vr = _mm_loadu_si128(reinterpret_cast<const __m128i*>(r + x));
-    const __m128i vg = _mm_loadu_si128(reinterpret_cast<const __m128i*>(g + x));
-    const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
-    __m128i* to = reinterpret_cast<__m128i*>(out + 3 * x);
-    for (int o = 0; o < 3; ++o)
-      _mm_storeu_si128(to + o, _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(vr, mask[o][0]),
-                                                         _mm_shuffle_epi8(vg, mask[o][1])),
-                                            _mm_shuffle_epi8(vb, mask[o][2])));
-  }
-  interleave3Plain(r + x, g + x, b + x, out + 3 * x, n - x);
-}
-
-void interleave4Sse2(const uint8_t* r, const uint8_t* g, const uint8_t* b, const uint8_t* a,
-                     uint8_t* out, size_t n) {
-  size_t x = 0;
-  for (; x + 16 <= n; x += 16) {
-    const __m128i vr = _mm_loadu_si128(reinterpret_cast<const __m128i*>(r + x));
-    const __m128i vg = _mm_loadu_si128(reinterpret_cast<const __m128i*>(g + x));
-    const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
-    const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
-    const __m128i rgLow = _mm_unpacklo_epi8(vr, vg), rgHigh = _mm_unpackhi_epi8(vr, vg);
-    const __m128i baLow = _mm_unpacklo_epi8(vb, va), baHigh = _mm_unpackhi_epi8(vb, va);
-    __m128i* to = reinterpret_cast<__m128i*>(out + 4 * x);
-    _mm_storeu_si128(to, _mm_unpacklo_epi16(rgLow, baLow));
-    _mm_storeu_si128(to + 1, _mm_unpackhi_epi16(rgLow, baLow));
-    _mm_storeu_si128(to + 2, _mm_unpacklo_epi16(rgHigh, baHigh));
-    _mm_storeu_si128(to + 3, _mm_unpackhi_epi16(rgHigh, baHigh));
-  }
-  interleave4Plain(r + x, g + x, b + x, a + x, out + 4 * x, n - x);
-}
-#endif
-
-void interleave3(const uint8_t* r, const uint8_t* g, const uint8_t* b, uint8_t* out, size_t n) {
-#if defined(__x86_64__)
-  if (hasSsse3()) return interleave3Ssse3(r, g, b, out, n);
-#endif
-  interleave3Plain(r, g, b, out, n);
-}
-
-void interleave4(const uint8_t* r, const uint8_t* g, const uint8_t* b, const uint8_t* a,
-                 uint8_t* out, size_t n) {
-#if defined(__x86_64__)
-  return interleave4Sse2(r, g, b, a, out, n);
-#else
-  interleave4Plain(r, g, b, a, out, n);
-#endif
 }
 
 void composeRow(PsdState& st, uint32_t row, uint8_t* out) {
