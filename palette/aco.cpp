@@ -27,7 +27,9 @@ bool looksLikeAco(std::span<const uint8_t> head) {
 bool toRgb(uint16_t space, const uint16_t v[4], Rgb& out) {
   constexpr double kFull = 65535, kPercent = 10000;
   switch (space) {
-    case kRgb: out = {unitToByte(v[0] / kFull), unitToByte(v[1] / kFull), unitToByte(v[2] / kFull)}; return true;
+    case kRgb:
+      out = {unitToByte(v[0] / kFull), unitToByte(v[1] / kFull), unitToByte(v[2] / kFull)};
+      return true;
     case kHsb: out = rgbFromHsb(v[0] / kFull * 360, v[1] / kFull, v[2] / kFull); return true;
     case kCmyk:
       out = rgbFromCmyk(1 - v[0] / kFull, 1 - v[1] / kFull, 1 - v[2] / kFull, 1 - v[3] / kFull);

@@ -198,7 +198,8 @@ uint8_t scaled(const PnmState& st, uint32_t v) {
 }
 
 bool readsInPlace(const PnmState& st) {
-  return !st.plain && (st.pack == Pack::StoredBits || (st.pack == Pack::Same && st.maxval == 255 && !st.wide));
+  if (st.plain) return false;
+  return st.pack == Pack::StoredBits || (st.pack == Pack::Same && st.maxval == 255 && !st.wide);
 }
 
 // ---- Loader operations
@@ -223,7 +224,8 @@ Status describe(const char* fileName, Picture& out, uint8_t* colorMap, bool read
   st.depth = h.depth;
   st.maxval = h.maxval;
   st.wide = h.maxval > 255;
-  const bool pamBlackWhite = h.kind == '7' && h.depth == 1 && h.maxval == 1 && h.tupleType == "BLACKANDWHITE";
+  const bool pamBlackWhite =
+      h.kind == '7' && h.depth == 1 && h.maxval == 1 && h.tupleType == "BLACKANDWHITE";
   if (h.kind == '1' || h.kind == '4' || pamBlackWhite) {
     out.layout = VLOAD_LAYOUT_BILEVEL;
     st.pack = pamBlackWhite ? Pack::WhiteBits : Pack::StoredBits;
@@ -287,7 +289,8 @@ bool readPlainRow(PnmState& st, uint8_t* bits) {
     int c = next();
     if (!isDigit(c)) return false;
     uint32_t v = 0;
-    for (; isDigit(c); c = getc_unlocked(f)) v = std::min<uint32_t>(v * 10 + uint32_t(c - '0'), kMaxSample + 1);
+    for (; isDigit(c); c = getc_unlocked(f))
+      v = std::min<uint32_t>(v * 10 + uint32_t(c - '0'), kMaxSample + 1);
     if (c != EOF) ungetc(c, f);
     st.samples[i] = scaled(st, v);
   }
@@ -298,7 +301,8 @@ bool readPlainRow(PnmState& st, uint8_t* bits) {
 void scaleRawRow(const PnmState& st, const uint8_t* stored, uint8_t* samples) {
   const uint32_t count = st.width * st.depth;
   if (st.wide) {
-    for (uint32_t i = 0; i < count; ++i) samples[i] = scaled(st, uint32_t(stored[2 * i] << 8 | stored[2 * i + 1]));
+    for (uint32_t i = 0; i < count; ++i)
+      samples[i] = scaled(st, uint32_t(stored[2 * i] << 8 | stored[2 * i + 1]));
   } else {
     for (uint32_t i = 0; i < count; ++i) samples[i] = st.scale[stored[i]];
   }

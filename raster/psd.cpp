@@ -195,7 +195,7 @@ struct PsdState {
   uint32_t storedRowBytes = 0;  // one channel's row in the file
   uint32_t planeRowBytes = 0;   // one channel's row at 8 bits (bitmaps: the packed bits)
   uint32_t maxPackedRow = 0;
-  off_t dataStart = 0;          // raw: channel c, row y at dataStart + (c * height + y) * storedRowBytes
+  off_t dataStart = 0;  // raw: channel c, row y at dataStart + (c * height + y) * storedRowBytes
   std::vector<uint32_t> rowCounts;  // PackBits: compressed bytes of each row, channel after channel
   std::array<off_t, kMaxUsedChannels> next{};  // PackBits: where each channel's next row starts
   uint32_t chunkRows = 0;
@@ -323,9 +323,9 @@ Status describe(const char* fileName, Picture& out, uint8_t* colorMap, bool read
 
   out.width = h.width;
   out.height = h.height;
-  out.setInfo("%s%s, %u bits, %u channels%s, %s", h.large ? "PSB " : "", modeName(h.mode), h.depth,
-              h.channels, st.alpha ? " (merged transparency)" : "",
-              st.packBits ? "PackBits" : "uncompressed");
+  out.setInfo("%s%s, %u bit%s, %u channel%s%s, %s", h.large ? "PSB " : "", modeName(h.mode), h.depth,
+              h.depth == 1 ? "" : "s", h.channels, h.channels == 1 ? "" : "s",
+              st.alpha ? " (merged transparency)" : "", st.packBits ? "PackBits" : "uncompressed");
   return Status::Ok;
 }
 
@@ -368,7 +368,8 @@ bool unpackBits(const uint8_t* src, size_t count, uint8_t* dst, size_t rowBytes)
 
 // 16-bit big-endian samples rounded to 8 bits.
 void narrow(const uint8_t* wide, uint8_t* out, uint32_t count) {
-  for (uint32_t i = 0; i < count; ++i) out[i] = uint8_t(((wide[2 * i] << 8 | wide[2 * i + 1]) * 255u + 32767) / 65535);
+  for (uint32_t i = 0; i < count; ++i)
+    out[i] = uint8_t(((wide[2 * i] << 8 | wide[2 * i + 1]) * 255u + 32767) / 65535);
 }
 
 uint8_t* plane(PsdState& st, uint32_t channel, uint32_t row) {
