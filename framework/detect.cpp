@@ -55,6 +55,27 @@ bool bmpHeaderSize(std::span<const uint8_t> h) {
   }
 }
 
+// Portable bitmaps: "P1" to "P7" and white space. Weak, so tested last.
+bool pnmMagic(std::span<const uint8_t> h) {
+  if (h.size() < 3 || h[1] < '1' || h[1] > '7') return false;
+  const uint8_t c = h[2];
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+// Photoshop swatches have no magic: a version word (1 or 2, the prefix), a
+// colour count that the file's size can hold, and a known colour space first.
+bool acoList(std::span<const uint8_t> h) {
+  if (h.size() < 6 || h[4] != 0) return false;
+  const uint32_t count = uint32_t(h[2] << 8 | h[3]);
+  const uint32_t entryBytes = h[1] == 1 ? 10 : 14;  // a version 2 entry has at least a name length
+  switch (h[5]) {
+    case 0: case 1: case 2: case 7: case 8: case 9:
+      return count > 0 && loadImgLastFilesize() >= int64_t{4} + int64_t{count} * entryBytes;
+    default:
+      return false;
+  }
+}
+
 using namespace std::string_view_literals;
 
 constexpr Signature kSignatures[] = {
@@ -68,6 +89,9 @@ constexpr Signature kSignatures[] = {
     {11, "#BINDING\n"sv, nullptr},
     {41, "# Fabric"sv, nullptr},
     {64, "JASC-PAL"sv, nullptr},
+    {64, "\xEF\xBB\xBFJASC-PAL"sv, nullptr},
+    {64, "\xEF\xBB\xBFGIMP Palette"sv, nullptr},
+    {74, "ASEF"sv, nullptr},
     {1, "GIF87a"sv, nullptr},
     {1, "GIF89a"sv, nullptr},
     {39, "UWFCR2"sv, nullptr},
@@ -80,6 +104,9 @@ constexpr Signature kSignatures[] = {
     {24, "BM"sv, bmpHeaderSize},
     {9, "0010"sv, nullptr},
     {15, "\x81\xFE"sv, nullptr},
+    {12, "P"sv, pnmMagic},
+    {68, "\0\1"sv, acoList},
+    {68, "\0\2"sv, acoList},
 };
 
 uint8_t fold(char c) noexcept { return uint8_t(tolowerAZ(uint8_t(c))); }

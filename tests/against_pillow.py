@@ -38,9 +38,26 @@ def bmp_filter(data, ref):
     return None
 
 
+def pnm_filter(data, ref):
+    """Pillow keeps samples above 8 bits, which we round to 8."""
+    return "16-bit samples" if ref.mode.startswith("I") else None
+
+
+def psd_filter(data, ref):
+    """CMYK and Lab documents are converted by our own formulas."""
+    mode = struct.unpack_from(">H", data, 24)[0]
+    if mode in (4, 9):
+        return "CMYK or Lab"
+    if mode == 0:
+        return "bitmap: Pillow 9.4 takes a set bit for white; the format's set bit is black"
+    return None
+
+
 # FORMAT: (loader number, filter). A filter returns None to compare, or why not.
 FORMATS = {
     "bmp": (24, bmp_filter),
+    "pnm": (12, pnm_filter),
+    "psd": (76, psd_filter),
 }
 
 

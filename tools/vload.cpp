@@ -1,6 +1,6 @@
 // tools/vload.cpp: the vload command: inspect and convert the files libVload reads.
 //
-//   vload [--tmp-dir DIR] [--gzip COMMAND] info FILE... [--loader N] [--json]
+//   vload [--tmp-dir DIR] [--gzip COMMAND] info FILE... [--loader N] [--json] [--colors]
 //   vload [--tmp-dir DIR] [--gzip COMMAND] convert FILE OUT.png [--loader N] [--band ROWS]
 //         [--mirror] [--quiet] [--colors N | --palette FILE] [--dither 0..16]
 //         [--noise 0..100] [--size WxH]
@@ -34,6 +34,7 @@ namespace vload_tool {
 namespace {
 
 constexpr uint64_t kProgressPixels = 4'000'000;  // show progress for pictures above this
+constexpr size_t kColoursALine = 8;               // info --colors
 
 std::FILE* g_out = stdout;  // the tool's own output; set up in main
 
@@ -170,13 +171,23 @@ std::string infoLines(const char* s) {
   return out.empty() ? jsonString(s) : out;
 }
 
-int runInfo(const std::vector<std::string>& files, int32_t forced, bool json) {
+std::vector<std::string> pictureColours(const Description& d);
+
+std::string joined(const std::vector<std::string>& items, const char* separator) {
+  std::string out;
+  for (const std::string& item : items) out += (out.empty() ? "" : separator) + item;
+  return out;
+}
+
+int runInfo(const std::vector<std::string>& files, int32_t forced, bool json, bool colours) {
   int failures = 0;
   if (json) std::fputs("[", g_out);
   for (size_t i = 0; i < files.size(); ++i) {
     const std::string& path = files[i];
     Description d;
-    const bool ok = open(path, forced, d, false);
+    const bool ok = open(path, forced, d, colours);
+    std::vector<std::string> hex;
+    if (ok && colours) hex = pictureColours(d);
     if (ok) endLoad();
     failures += !ok;
     if (json) {
@@ -188,11 +199,17 @@ int runInfo(const std::vector<std::string>& files, int32_t forced, bool json) {
       std::fprintf(g_out,
                    ", \"ok\": true, \"loader\": %u, \"format\": %s, \"width\": %u, \"height\": %u, "
                    "\"layout\": %u, \"xDensity\": %u, \"yDensity\": %u, \"xRepeat\": %u, "
-                   "\"yRepeat\": %u, \"mirrorX\": %s, \"firstPart\": %s, \"info\": %s}",
+                   "\"yRepeat\": %u, \"mirrorX\": %s, \"firstPart\": %s, \"info\": %s",
                    d.loader, jsonString(formatName(d.loader).c_str()).c_str(), d.width, d.height,
                    d.layout, d.xDensity, d.yDensity, d.xRepeat, d.yRepeat,
                    d.mirrorX ? "true" : "false", d.firstPart ? "true" : "false",
                    jsonString(d.info).c_str());
+      if (colours) {
+        std::vector<std::string> quoted;
+        for (const std::string& h : hex) quoted.push_back(jsonString(h.c_str()));
+        std::fprintf(g_out, ", \"colors\": [%s]", joined(quoted, ", ").c_str());
+      }
+      std::fputs("}", g_out);
       continue;
     }
     if (!ok) continue;
@@ -210,6 +227,12 @@ int runInfo(const std::vector<std::string>& files, int32_t forced, bool json) {
                  layoutName(d.layout), densities(d.xDensity, d.yDensity).c_str(),
                  d.xRepeat, d.yRepeat, d.mirrorX ? "yes" : "no", d.firstPart ? "yes" : "no",
                  infoLines(d.info).c_str());
+    if (colours) {
+      std::string lines;
+      for (size_t k = 0; k < hex.size(); ++k)
+        lines += (k == 0 ? "" : k % kColoursALine ? " " : "\n              ") + hex[k];
+      std::fprintf(g_out, "  colours:    %s\n", hex.empty() ? "none (no colour map)" : lines.c_str());
+    }
   }
   if (json) std::fputs("\n]\n", g_out);
   return failures ? 1 : 0;
@@ -243,6 +266,30 @@ int coloursUsed(const Description& d, const uint8_t* image) {
     for (uint32_t x = 0; x < d.width; ++x) highest = row[x] > highest ? row[x] : highest;
   }
   return highest + 1;
+}
+
+// The colours of a palette file (its row of swatches) or of an indexed
+// picture (its colour map up to the highest index used), as "#rrggbb"; none
+// for other pictures. Delivers the picture to find them.
+std::vector<std::string> pictureColours(const Description& d) {
+  const ldr::LoaderInfo* l = ldr::loaderInfo(int32_t(d.loader));
+  const bool palette = l && l->kind == ldr::Kind::Palette;
+  std::vector<std::string> out;
+  if (d.layout != VLOAD_LAYOUT_INDEXED && !(palette && d.layout == VLOAD_LAYOUT_RGB)) return out;
+  const uint64_t bytes = imageBytes(d);
+  ldr::Block image = bytes ? ldr::allocBlock(size_t(bytes)) : nullptr;
+  if (!image || deliverAll(d, image.get(), 0) != VLOAD_OK) return out;
+  const auto hex = [](const uint8_t* rgb) {
+    char text[8];
+    std::snprintf(text, sizeof text, "#%02x%02x%02x", rgb[0], rgb[1], rgb[2]);
+    return std::string(text);
+  };
+  if (d.layout == VLOAD_LAYOUT_RGB) {
+    for (uint32_t x = 0; x < d.width; ++x) out.push_back(hex(image.get() + 3 * x));
+    return out;
+  }
+  for (int i = 0, n = coloursUsed(d, image.get()); i < n; ++i) out.push_back(hex(d.colourMap + 3 * i));
+  return out;
 }
 
 uint64_t physicalMemory() {
@@ -380,6 +427,9 @@ int main(int argc, char** argv) {
   info->add_option("--loader", loader, "use this loader number instead of detecting it")
       ->check(CLI::Range(1, 77));
   info->add_flag("--json", json, "print a JSON array, one object a file");
+  bool listColours = false;
+  info->add_flag("--colors", listColours,
+                 "also the colours: a palette's swatches, an indexed picture's colour map");
 
   CLI::App* convert = app.add_subcommand("convert", "load a file band by band and write it as PNG");
   convert->add_option("file", input, "file to read")->required();
@@ -431,7 +481,7 @@ int main(int argc, char** argv) {
     if (std::FILE* out = ::fdopen(outFd, "w")) g_out = out;
   }
   int rc = 0;
-  if (*info) rc = runInfo(files, loader, json);
+  if (*info) rc = runInfo(files, loader, json, listColours);
   else if (*convert) rc = runConvert(input, output, loader, band, mirror, quiet, colours, palette);
   else rc = runFormats(markdown);
   std::fflush(g_out);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tests/support/bmp_writer.h"
+#include "tests/support/palette_writer.h"
 #include "tests/support/temp_file.h"
 #include "vload.h"
 
@@ -257,6 +258,28 @@ TEST(Cli, SaysWhatWentWrongInWords) {
   EXPECT_NE(r.err.find("cannot create the output file"), std::string::npos) << r.err;
   EXPECT_NE(vload({"info", "--loader", "78", text.path()}).exitCode, 0);
   EXPECT_NE(vload({}).exitCode, 0);
+}
+
+TEST(Cli, InfoListsColours) {
+  std::vector<vtest::Rgb> many;
+  for (int i = 0; i < 300; ++i) many.push_back({uint8_t(i), 0x10, 0xAB});
+  const TempFile small(vtest::jascPalette({{255, 0, 16}, {1, 2, 3}}), ".pal");
+  const TempFile large(vtest::jascPalette(many), ".pal");
+  const TempFile indexed(BmpBuilder{}.size(4, 2).bits(8).palette(vtest::greyRamp(256)).pixels(
+                             [](uint32_t x, uint32_t, int) { return uint8_t(x); }).build(), ".bmp");
+  const TempFile rgb(BmpBuilder{}.build(), ".bmp");
+
+  CliRun r = vload({"info", "--colors", small.path(), rgb.path()});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_NE(r.out.find("colours:    #ff0010 #010203\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("colours:    none"), std::string::npos) << r.out;
+
+  r = vload({"info", "--json", "--colors", large.path(), indexed.path()});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_NE(r.out.find("\"colors\": [\"#0010ab\", \"#0110ab\""), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"#2a10ab\", \"#2b10ab\"]}"), std::string::npos) << r.out;  // all 300
+  EXPECT_NE(r.out.find("\"colors\": [\"#000000\", \"#010101\", \"#020202\", \"#030303\"]}"),
+            std::string::npos);  // the map up to the highest index used
 }
 
 TEST(Cli, FormatsListsEveryLoader) {
