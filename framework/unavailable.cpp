@@ -29,7 +29,6 @@ void registerUnavailable() noexcept {
   extern "C" void registerLoad##name(void) { ldr::registerUnavailable(); }
 
 VLOAD_UNAVAILABLE(PNG)
-VLOAD_UNAVAILABLE(PCX)
 VLOAD_UNAVAILABLE(JPEG)
 VLOAD_UNAVAILABLE(TIFF)
 VLOAD_UNAVAILABLE(WebP)
