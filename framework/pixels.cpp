@@ -1,7 +1,8 @@
 // framework/pixels.cpp
 //
 // On x86-64 processors with SSSE3, byte shuffles reorder sixteen three-byte
-// pixels (three vectors) or four four-byte pixels (one vector) at a time;
+// pixels (three vectors) or four four-byte pixels (one vector) at a time, and
+// weave sixteen pixels out of three planes;
 // elsewhere, and for the last few pixels of a row, a plain loop does the work.
 // Every block is loaded whole before it is stored and blocks never overlap:
 // a load that straddles a store still in flight would stall the processor.
@@ -19,6 +20,14 @@ namespace {
 
 void swapPlain(uint8_t* p, size_t count, size_t step) {
   for (size_t i = 0; i < count; ++i, p += step) std::swap(p[0], p[2]);
+}
+
+void interleavePlain(const uint8_t* r, const uint8_t* g, const uint8_t* b, uint8_t* dst, size_t count) {
+  for (size_t i = 0; i < count; ++i, dst += 3) {
+    dst[0] = r[i];
+    dst[1] = g[i];
+    dst[2] = b[i];
+  }
 }
 
 #if defined(__x86_64__)
@@ -60,6 +69,36 @@ __attribute__((target("ssse3"))) void swap3Ssse3(uint8_t* p, size_t count) {
   swapPlain(p + 3 * i, count - i, 3);
 }
 
+// kWeave3[out][plane]: where the bytes of sixteen pixels' `plane` go in
+// output vector `out`; 0x80 lanes come from another plane.
+constexpr auto kWeave3 = [] {
+  std::array<std::array<std::array<uint8_t, 16>, 3>, 3> m{};
+  for (auto& out : m)
+    for (auto& plane : out) plane.fill(0x80);
+  for (int k = 0; k < 48; ++k) m[k / 16][k % 3][k % 16] = uint8_t(k / 3);
+  return m;
+}();
+
+__attribute__((target("ssse3"))) void interleave3Ssse3(const uint8_t* r, const uint8_t* g,
+                                                       const uint8_t* b, uint8_t* dst, size_t count) {
+  __m128i masks[3][3];
+  for (int out = 0; out < 3; ++out)
+    for (int plane = 0; plane < 3; ++plane)
+      masks[out][plane] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kWeave3[out][plane].data()));
+  size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    const __m128i planes[3] = {_mm_loadu_si128(reinterpret_cast<const __m128i*>(r + i)),
+                               _mm_loadu_si128(reinterpret_cast<const __m128i*>(g + i)),
+                               _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + i))};
+    for (int out = 0; out < 3; ++out)
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 3 * i) + out,
+                       _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(planes[0], masks[out][0]),
+                                                 _mm_shuffle_epi8(planes[1], masks[out][1])),
+                                    _mm_shuffle_epi8(planes[2], masks[out][2])));
+  }
+  interleavePlain(r + i, g + i, b + i, dst + 3 * i, count - i);
+}
+
 __attribute__((target("ssse3"))) void swap4Ssse3(uint8_t* p, size_t count) {
   const __m128i order = _mm_setr_epi8(2, 1, 0, 3, 6, 5, 4, 7, 10, 9, 8, 11, 14, 13, 12, 15);
   size_t i = 0;
@@ -85,6 +124,13 @@ void swapRedBlue4(uint8_t* pixels, size_t count) noexcept {
   if (hasSsse3()) return swap4Ssse3(pixels, count);
 #endif
   swapPlain(pixels, count, 4);
+}
+
+void interleave3(const uint8_t* r, const uint8_t* g, const uint8_t* b, uint8_t* dst, size_t count) noexcept {
+#if defined(__x86_64__)
+  if (hasSsse3()) return interleave3Ssse3(r, g, b, dst, count);
+#endif
+  interleavePlain(r, g, b, dst, count);
 }
 
 }  // namespace ldr

@@ -11,4 +11,8 @@ namespace ldr {
 void swapRedBlue3(uint8_t* pixels, size_t count) noexcept;
 void swapRedBlue4(uint8_t* pixels, size_t count) noexcept;
 
+// Three planes of `count` bytes each into `count` three-byte pixels at `dst`:
+// R, G, B from r, g, b.
+void interleave3(const uint8_t* r, const uint8_t* g, const uint8_t* b, uint8_t* dst, size_t count) noexcept;
+
 }  // namespace ldr

@@ -29,6 +29,7 @@
 #include "framework/file.h"
 #include "framework/io.h"
 #include "framework/loader.h"
+#include "framework/pixels.h"
 #include "framework/read_ahead.h"
 #include "vload.h"
 
@@ -110,6 +111,19 @@ bool readRun(ReadAhead& in, Runs& run) {
   return true;
 }
 
+// `count` bytes of `value` at `at`, where `room` bytes are free: short runs,
+// the usual ones, as one word when it fits (the line's zero tail must stay).
+inline void fillRun(uint8_t* at, uint8_t value, uint32_t count, uint32_t room) {
+  if (count == 1) {
+    *at = value;
+  } else if (count <= 8 && room >= 8) {
+    const uint64_t word = value * uint64_t{0x0101010101010101};
+    std::memcpy(at, &word, 8);
+  } else {
+    std::memset(at, value, count);
+  }
+}
+
 // Fills `line` with `length` decoded bytes, going on from `run`, and leaves
 // what is left of the last run in it. Returns the bytes stored.
 //   Colour-mapped lines (kMapped): the end of the data reads as 255, so the
@@ -136,14 +150,15 @@ uint32_t decodeLine(ReadAhead& in, Runs& run, uint8_t* line, uint32_t length) {
         ++p;
         continue;
       }
-      const uint32_t count = b & kRunCount, value = p[1];
+      const uint32_t count = b & kRunCount;
+      const uint8_t value = p[1];
       p += 2;
       const uint32_t k = std::min(count, length - stored);
-      std::memset(line + stored, int(value), k);
+      fillRun(line + stored, value, k, length - stored);
       stored += k;
       if (count > k) {
         in.advance(size_t(p - in.data()));
-        run = {count - k, uint8_t(value)};
+        run = {count - k, value};
         return stored;
       }
     }
@@ -173,7 +188,8 @@ struct PcxState {
   uint32_t delivered = 0;
   bool rgbReady = false;       // describe scanned the 24-bit data
   bool rgbEnded = false;       // the 24-bit data ran out; the rest is black
-  uint8_t stretch[256] = {};   // 24-bit byte values as delivered
+  bool stretching = false;
+  uint8_t stretch[256] = {};   // 24-bit byte values as delivered, when stretching
   Status failed = Status::Ok;  // sticky: a load that failed keeps failing
 };
 thread_local PcxState t_pcx;
@@ -224,8 +240,9 @@ void scanRgb(PcxState& st) {
     for (uint32_t i = 0; i < got; ++i) brightest = std::max(brightest, st.line[i]);
     if (got < st.lineBytes) break;
   }
-  for (uint32_t v = 0; v < 256; ++v)
-    st.stretch[v] = uint8_t(brightest >= 1 && brightest <= 254 ? std::min(v, uint32_t{brightest}) * 255 / brightest : v);
+  st.stretching = brightest >= 1 && brightest <= 254;
+  for (uint32_t v = 0; st.stretching && v < 256; ++v)
+    st.stretch[v] = uint8_t(std::min(v, uint32_t{brightest}) * 255 / brightest);
 }
 
 // One row of the second pass: three planes into R, G, B pixels; columns past
@@ -241,11 +258,15 @@ void decodeRgbRow(PcxState& st, uint8_t* dst) {
   const uint8_t* g = r + st.bytesPerLine;
   const uint8_t* b = g + st.bytesPerLine;
   const uint32_t covered = std::min(st.width, st.bytesPerLine);
-  const uint8_t* t = st.stretch;
-  for (uint32_t x = 0; x < covered; ++x) {
-    dst[3 * x] = t[r[x]];
-    dst[3 * x + 1] = t[g[x]];
-    dst[3 * x + 2] = t[b[x]];
+  if (st.stretching) {
+    const uint8_t* t = st.stretch;
+    for (uint32_t x = 0; x < covered; ++x) {
+      dst[3 * x] = t[r[x]];
+      dst[3 * x + 1] = t[g[x]];
+      dst[3 * x + 2] = t[b[x]];
+    }
+  } else {
+    interleave3(r, g, b, dst, covered);
   }
   std::memset(dst + size_t{covered} * 3, 0, size_t{st.width - covered} * 3);
 }
