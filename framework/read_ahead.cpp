@@ -14,17 +14,18 @@ bool ReadAhead::start(int fd, off_t offset) noexcept {
   fd_ = fd;
   offset_ = offset;
   cur_ = end_ = buffer_.get();
-  failed_ = false;
+  failed_ = ended_ = false;
   return true;
 }
 
 bool ReadAhead::fill() noexcept {
   if (cur_ != end_) return true;
-  if (fd_ < 0 || failed_) return false;
+  if (fd_ < 0 || failed_ || ended_) return false;
   for (;;) {
     const ssize_t got = ::pread(fd_, buffer_.get(), kPieceBytes, offset_);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) failed_ = true;
+    if (got == 0) ended_ = true;
     if (got <= 0) return false;
     offset_ += off_t(got);
     cur_ = buffer_.get();

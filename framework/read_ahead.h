@@ -37,6 +37,8 @@ class ReadAhead {
 
   // True after a read error (the end of the file is no error).
   bool failed() const noexcept { return failed_; }
+  // True when every byte has been consumed and the file has been seen to end.
+  bool atEnd() noexcept { return cur_ == end_ && !fill() && !failed_; }
   // File offset of the next byte.
   off_t position() const noexcept { return offset_ - off_t(end_ - cur_); }
 
@@ -47,6 +49,7 @@ class ReadAhead {
   const uint8_t* cur_ = nullptr;
   const uint8_t* end_ = nullptr;
   bool failed_ = false;
+  bool ended_ = false;  // a read found the end of the file
 };
 
 }  // namespace ldr

@@ -186,8 +186,12 @@ struct PcxState {
   uint32_t planes = 0, bytesPerLine = 0, lineBytes = 0;
   uint32_t colours = 0;  // 2 to 256, or 0 for 24 bits
   uint32_t delivered = 0;
-  bool rgbReady = false;       // describe scanned the 24-bit data
-  bool rgbEnded = false;       // the 24-bit data ran out; the rest is black
+  // Once the data has ended every further line is the same, all 255 for
+  // colour-mapped pictures and all 0 for 24 bits; it is made once, however
+  // long the lines and many the rows a header declares.
+  bool ended = false;
+  bool endLineReady = false;
+  bool rgbReady = false;  // describe scanned the 24-bit data
   bool stretching = false;
   uint8_t stretch[256] = {};   // 24-bit byte values as delivered, when stretching
   Status failed = Status::Ok;  // sticky: a load that failed keeps failing
@@ -248,12 +252,14 @@ void scanRgb(PcxState& st) {
 // One row of the second pass: three planes into R, G, B pixels; columns past
 // the width are dropped, and pixels the line does not reach are black.
 void decodeRgbRow(PcxState& st, uint8_t* dst) {
-  uint32_t got = 0;
-  if (!st.rgbEnded) {
-    got = decodeLine<false>(st.in, st.runs, st.line.get(), st.lineBytes);
-    st.rgbEnded = got < st.lineBytes;
+  if (!st.ended) {
+    const uint32_t got = decodeLine<false>(st.in, st.runs, st.line.get(), st.lineBytes);
+    std::memset(st.line.get() + got, 0, st.lineBytes - got);
+    st.ended = got < st.lineBytes;
+  } else if (!st.endLineReady) {
+    std::memset(st.line.get(), 0, st.lineBytes);
+    st.endLineReady = true;
   }
-  std::memset(st.line.get() + got, 0, st.lineBytes - got);
   const uint8_t* r = st.line.get();
   const uint8_t* g = r + st.bytesPerLine;
   const uint8_t* b = g + st.bytesPerLine;
@@ -377,8 +383,14 @@ Status deliver(const Band& band) {
   if (!st.colours) return st.failed = deliverRgb(st, band);
   if (!st.line && !allocLine(st)) return Status::NoMemory;
   for (int32_t i = 0; i < band.rowCount; ++i) {
-    if (decodeLine<true>(st.in, st.runs, st.line.get(), st.lineBytes) != st.lineBytes)
-      return st.failed = Status::BadData;
+    if (!st.ended) {
+      if (decodeLine<true>(st.in, st.runs, st.line.get(), st.lineBytes) != st.lineBytes)
+        return st.failed = Status::BadData;
+      st.ended = st.in.atEnd() && (st.runs.count == 0 || st.runs.value == 255);
+    } else if (!st.endLineReady) {
+      std::memset(st.line.get(), 255, st.lineBytes);
+      st.endLineReady = true;
+    }
     mappedRow(st, rowAt(band.buffer, i, band.rowStride));
   }
   st.delivered += uint32_t(band.rowCount);
