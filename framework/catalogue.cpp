@@ -16,9 +16,9 @@ using enum Addressing;
 // Extensions are listed only where they name one format without doubt, so
 // that a loader never captures another maker's files by name alone.
 constexpr LoaderInfo kLoaders[] = {
-    {1, registerLoadGIF, "", "GIF", "gif", Picture, false, Band},
+    {1, registerLoadGIF, "", "GIF", "gif", Picture, true, Band},
     {2, registerLoadPNG, "", "PNG", "png", Picture, false, Band},
-    {3, registerLoadPCX, "", "PCX", "pcx", Picture, false, Band},
+    {3, registerLoadPCX, "", "PCX", "pcx", Picture, true, WholeImageForPackedRgb},
     {4, registerLoadJPEG, "", "JPEG", "jpg jpeg jpe jfif", Picture, false, Band},
     {5, registerLoadTIFF, "", "TIFF", "tif tiff", Picture, false, Band},
     {6, registerLoadWebP, "", "WebP", "webp", Picture, false, Band},

@@ -76,6 +76,13 @@ bool acoList(std::span<const uint8_t> h) {
   }
 }
 
+// PCX: manufacturer 10 (the signature), a version below 6, run-length
+// encoding and a depth that writers use. Weak, so it is tried last.
+bool pcxHeader(std::span<const uint8_t> h) {
+  if (h.size() < 4 || h[1] >= 6 || h[2] != 1) return false;
+  return h[3] == 1 || h[3] == 2 || h[3] == 4 || h[3] == 8;
+}
+
 using namespace std::string_view_literals;
 
 constexpr Signature kSignatures[] = {
@@ -107,6 +114,7 @@ constexpr Signature kSignatures[] = {
     {12, "P"sv, pnmMagic},
     {68, "\0\1"sv, acoList},
     {68, "\0\2"sv, acoList},
+    {3, "\x0A"sv, pcxHeader},
 };
 
 uint8_t fold(char c) noexcept { return uint8_t(tolowerAZ(uint8_t(c))); }

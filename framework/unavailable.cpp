@@ -28,9 +28,7 @@ void registerUnavailable() noexcept {
 #define VLOAD_UNAVAILABLE(name) \
   extern "C" void registerLoad##name(void) { ldr::registerUnavailable(); }
 
-VLOAD_UNAVAILABLE(GIF)
 VLOAD_UNAVAILABLE(PNG)
-VLOAD_UNAVAILABLE(PCX)
 VLOAD_UNAVAILABLE(JPEG)
 VLOAD_UNAVAILABLE(TIFF)
 VLOAD_UNAVAILABLE(WebP)

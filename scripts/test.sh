@@ -65,9 +65,7 @@ run_fuzz() {
   build/fuzz/fuzz/make_seeds "$work/seeds" >/dev/null
   local dirs=("$work/corpus" "$work/seeds")
   [ -d fuzz/regressions ] && dirs+=(fuzz/regressions)
-  [ -d ../shared/corpus/bmp ] && dirs+=(../shared/corpus/bmp)
-  [ -d ../shared/corpus/wif ] && dirs+=(../shared/corpus/wif)
-  for d in pnm psd palette; do [ -d "../shared/corpus/$d" ] && dirs+=("../shared/corpus/$d"); done
+  for d in bmp wif gif pcx pnm psd palette; do [ -d "../shared/corpus/$d" ] && dirs+=("../shared/corpus/$d"); done
   fuzz_target loader_fuzzer "${FUZZ_SECONDS:-60}" "${dirs[@]}"
   fuzz_target colour_fuzzer "${COLOUR_FUZZ_SECONDS:-20}" "$work/colour-corpus" fuzz/colour-regressions
   echo "== fuzz: passed"

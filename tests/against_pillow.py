@@ -53,11 +53,25 @@ def psd_filter(data, ref):
     return None
 
 
+def pcx_filter(data, ref):
+    """24-bit pictures whose brightest byte is below 255 come stretched to
+    it; Pillow steps through planar lines by the width, not by the bytes per
+    line the header gives."""
+    bits, planes = data[3], data[65]
+    if bits == 8 and planes == 3 and 1 <= max(top for _, top in ref.getextrema()) <= 254:
+        return "24 bits, stretched"
+    width = struct.unpack_from("<H", data, 8)[0] - struct.unpack_from("<H", data, 4)[0] + 1
+    if bits == 1 and planes > 1 and struct.unpack_from("<H", data, 66)[0] != (width + 7) // 8:
+        return "planar lines with padding"
+    return None
+
+
 # FORMAT: (loader number, filter). A filter returns None to compare, or why not.
 FORMATS = {
     "bmp": (24, bmp_filter),
     "pnm": (12, pnm_filter),
     "psd": (76, psd_filter),
+    "pcx": (3, pcx_filter),
 }
 
 

@@ -229,7 +229,7 @@ TEST(Cli, SaysWhatWentWrongInWords) {
   const TempFile cut(vtest::truncated(full, full.size() - 40), ".bmp");
   const TempFile v5(BmpBuilder{}.headerSize(124).build(), ".bmp");
   const TempFile text(Bytes{'h', 'e', 'l', 'l', 'o'}, ".xyz");
-  const TempFile gif(Bytes{'G', 'I', 'F', '8', '9', 'a', 0, 0}, ".gif");
+  const TempFile unread(Bytes{'C', 'G', 'S', 'I', 'I', '1', 0, 0}, ".bin");
   const TempFile locked(full, ".bmp");
   ::chmod(locked.path(), 0);
   struct Case { std::vector<std::string> args; std::string words; };
@@ -237,7 +237,7 @@ TEST(Cli, SaysWhatWentWrongInWords) {
       {{"convert", cut.path(), outPath("x.png")}, "data ended early"},
       {{"info", v5.path()}, "not a valid BMP file"},
       {{"info", text.path()}, "not a recognised picture"},
-      {{"info", gif.path()}, "GIF files cannot be read by this build"},
+      {{"info", unread.path()}, "Takemura CGS files cannot be read by this build"},
       {{"info", vtest::tempDir()}, "is a directory"},
       {{"info", "/no/such/file"}, "no such file"},
       {{"info", "--loader", "24", text.path()}, "not a valid BMP file"},
