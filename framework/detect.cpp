@@ -68,6 +68,7 @@ constexpr Signature kSignatures[] = {
     {11, "#BINDING\n"sv, nullptr},
     {41, "# Fabric"sv, nullptr},
     {64, "JASC-PAL"sv, nullptr},
+    {2, "\x89PNG\r\n\x1a\n"sv, nullptr},
     {1, "GIF87a"sv, nullptr},
     {1, "GIF89a"sv, nullptr},
     {39, "UWFCR2"sv, nullptr},
@@ -78,6 +79,7 @@ constexpr Signature kSignatures[] = {
     {69, "8BCB"sv, nullptr},
     {76, "8BPS"sv, nullptr},
     {24, "BM"sv, bmpHeaderSize},
+    {4, "\xFF\xD8\xFF"sv, nullptr},
     {9, "0010"sv, nullptr},
 };
 

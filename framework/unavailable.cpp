@@ -29,9 +29,7 @@ void registerUnavailable() noexcept {
   extern "C" void registerLoad##name(void) { ldr::registerUnavailable(); }
 
 VLOAD_UNAVAILABLE(GIF)
-VLOAD_UNAVAILABLE(PNG)
 VLOAD_UNAVAILABLE(PCX)
-VLOAD_UNAVAILABLE(JPEG)
 VLOAD_UNAVAILABLE(TIFF)
 VLOAD_UNAVAILABLE(WebP)
 VLOAD_UNAVAILABLE(SophisC)
