@@ -3,7 +3,7 @@
 #   unit     release build with warnings as errors; every test; a benchmark smoke run
 #   asan     every test under AddressSanitizer and UndefinedBehaviorSanitizer
 #   tsan     every test under ThreadSanitizer
-#   fuzz     the libFuzzer target (clang) for FUZZ_SECONDS seconds (60)
+#   fuzz     the loader fuzzer (clang) for FUZZ_SECONDS seconds (60), the EXIF fuzzer a third of that
 #   package  install, then build a consumer with find_package(Vload) and pkg-config
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -44,25 +44,35 @@ run_tsan() {
 
 run_fuzz() {
   CC=clang CXX=clang++ configure build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVLOAD_FUZZ=ON \
-    -DVLOAD_TESTS=OFF -- loader_fuzzer make_seeds
+    -DVLOAD_TESTS=OFF -- loader_fuzzer exif_fuzzer make_seeds
   local work=build/fuzz/run
-  rm -rf "$work" && mkdir -p "$work/corpus" "$work/seeds" "$work/artifacts"
-  build/fuzz/fuzz/make_seeds "$work/seeds" >/dev/null
+  rm -rf "$work" && mkdir -p "$work/corpus" "$work/seeds" "$work/exif-corpus" "$work/exif-seeds" "$work/artifacts"
+  build/fuzz/fuzz/make_seeds "$work/seeds" "$work/exif-seeds" >/dev/null
   local dirs=("$work/corpus" "$work/seeds")
   [ -d fuzz/regressions ] && dirs+=(fuzz/regressions)
-  [ -d ../shared/corpus/bmp ] && dirs+=(../shared/corpus/bmp)
-  [ -d ../shared/corpus/wif ] && dirs+=(../shared/corpus/wif)
-  local rc=0
-  build/fuzz/fuzz/loader_fuzzer -max_total_time="${FUZZ_SECONDS:-60}" -rss_limit_mb=2048 \
-    -timeout=10 -print_final_stats=1 -artifact_prefix="$work/artifacts/" "${dirs[@]}" \
-    >"$work/log" 2>&1 || rc=$?
-  grep -E '^(stat::|SUMMARY)' "$work/log" || true
+  for format in bmp wif png jpeg; do
+    [ -d "../shared/corpus/$format" ] && dirs+=("../shared/corpus/$format")
+  done
+  local exif_dirs=("$work/exif-corpus" "$work/exif-seeds")
+  [ -d fuzz/regressions/exif ] && exif_dirs+=(fuzz/regressions/exif)
+  local seconds=${FUZZ_SECONDS:-60}
+  fuzz_one loader_fuzzer "$seconds" "${dirs[@]}"
+  fuzz_one exif_fuzzer $(( (seconds + 2) / 3 )) "${exif_dirs[@]}"
+  echo "== fuzz: passed"
+}
+
+fuzz_one() {  # fuzz_one TARGET SECONDS DIR...
+  local target=$1 seconds=$2 work=build/fuzz/run rc=0
+  shift 2
+  build/fuzz/fuzz/"$target" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 \
+    -print_final_stats=1 -artifact_prefix="$work/artifacts/" "$@" >"$work/$target.log" 2>&1 || rc=$?
+  echo "-- $target"
+  grep -E '^(stat::|SUMMARY)' "$work/$target.log" || true
   if [ "$rc" -ne 0 ] || [ -n "$(ls -A "$work/artifacts")" ]; then
-    tail -n 60 "$work/log" >&2
-    echo "== fuzz: failed (exit $rc); inputs in $work/artifacts" >&2
+    tail -n 60 "$work/$target.log" >&2
+    echo "== fuzz: $target failed (exit $rc); inputs in $work/artifacts" >&2
     exit 1
   fi
-  echo "== fuzz: passed"
 }
 
 run_package() {
