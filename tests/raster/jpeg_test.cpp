@@ -3,13 +3,13 @@
 // samples, and two threads loading files with EXIF blocks at once.
 #include <gtest/gtest.h>
 
-#include <jpeglib.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
+
+#include <jpeglib.h>
 
 #include "tests/support/exif_writer.h"
 #include "tests/support/harness.h"
