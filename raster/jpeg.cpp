@@ -5,7 +5,9 @@
 // two-pass quantizer. Densities come from a JFIF header in dots per inch,
 // else from the EXIF block's resolution.
 // Refuses: files not starting with FF D8, and anything libjpeg stops on while
-// reading the header or starting (6); libjpeg errors while reading rows (4).
+// reading the header or starting (6), pictures whose progressive or
+// colour-mapped decoding would take more than kMaxWorkingMemory among them;
+// libjpeg errors while reading rows (4).
 // Delivery: band addressing, rows in file order.
 // Quirk: CMYK is taken as the inverted CMYK that most writers store, and each
 // channel is K x C / 256, so full ink gives 254 rather than 255.
@@ -42,6 +44,10 @@ constexpr int kDensityDotsPerInch = 1;
 constexpr int32_t kExifUnitCentimetre = 3;
 constexpr int kRowsPerCall = 16;       // row pointers handed to libjpeg at once
 constexpr size_t kExifLengthBytes = 2;  // the APP1 length in front of "Exif"
+// Progressive and two-pass colour-mapped decoding keep the whole picture in
+// libjpeg's memory (about 6 bytes a pixel); a few hundred bytes of header can
+// ask for gigabytes. This allows pictures of some 170 megapixels.
+constexpr long kMaxWorkingMemory = 1L << 30;
 
 // ---- State
 
@@ -95,6 +101,7 @@ void release() noexcept {
 
 void readHeader(JpegState& st) {
   jpeg_create_decompress(&st.cinfo);
+  st.cinfo.mem->max_memory_to_use = kMaxWorkingMemory;
   jpeg_save_markers(&st.cinfo, kExifMarker, kMaxMarkerBytes);
   jpeg_stdio_src(&st.cinfo, st.file.get());
   jpeg_read_header(&st.cinfo, TRUE);

@@ -191,6 +191,19 @@ TEST(JpegProtocol, EndLoadFinishesOnlyWhatWasStarted) {
   EXPECT_EQ(vtest::load(f.path(), kJpeg).status, VLOAD_OK);  // the thread is clean for the next
 }
 
+// A progressive frame whose sides say 30000 x 30000: libjpeg would want 5 GB.
+Bytes hugeProgressive() {
+  Bytes b = JpegBuilder{}.size(16, 16).progressive().build();
+  for (size_t i = 0; i + 9 < b.size(); ++i) {
+    if (b[i] == 0xFF && b[i + 1] == 0xC2) {
+      b[i + 5] = b[i + 7] = 30000 >> 8;
+      b[i + 6] = b[i + 8] = 30000 & 0xFF;
+      break;
+    }
+  }
+  return b;
+}
+
 TEST(JpegProtocol, FailuresLeaveNothingOpen) {
   const Bytes good = JpegBuilder{}.size(64, 48).build();
   struct Case { const char* name; Bytes bytes; uint32_t want; };
@@ -199,6 +212,7 @@ TEST(JpegProtocol, FailuresLeaveNothingOpen) {
       {"only the start marker", Bytes{0xFF, 0xD8}, VLOAD_NOT_THIS_FORMAT},
       {"cut in the header", vtest::truncated(good, 100), VLOAD_NOT_THIS_FORMAT},
       {"a frame of no pixels", Bytes{0xFF, 0xD8, 0xFF, 0xC0, 0, 11, 8, 0, 0, 0, 0, 1, 1, 0x11, 0}, VLOAD_NOT_THIS_FORMAT},
+      {"progressive, beyond the working memory", hugeProgressive(), VLOAD_NOT_THIS_FORMAT},
       {"cut in the scan: libjpeg pads it", vtest::truncated(good, good.size() - 200), VLOAD_OK},
   };
   const int fds = vtest::openFdCount();

@@ -22,6 +22,7 @@ Bytes JpegBuilder::build() const {
   c.in_color_space = components_ == 1 ? JCS_GRAYSCALE : components_ == 4 ? JCS_CMYK : JCS_RGB;
   jpeg_set_defaults(&c);
   jpeg_set_quality(&c, quality_, TRUE);
+  if (progressive_) jpeg_simple_progression(&c);
   c.write_JFIF_header = jfif_ ? TRUE : FALSE;
   c.density_unit = uint8_t(unit_);
   c.X_density = xDensity_;
