@@ -9,9 +9,9 @@
 // Delivery: band addressing, rows in file order. An interlaced picture is
 // decoded whole on the first band and handed out from there, so every band
 // size gives the same rows.
-// Quirk: grey samples are delivered inverted (libpng's invert-mono) with a
-// colour map that inverts them back, so bilevel pictures have 1 as the dark
-// state and colour-mapped greys show as in the file.
+// Quirk: grey samples are delivered inverted, with a colour map that inverts
+// them back, so bilevel pictures have 1 as the dark state and colour-mapped
+// greys show as in the file.
 // Quirk: in a transparent grey or palette picture, index or grey 255 has
 // alpha 0 unless a palette tRNS entry covers it, and the transparent grey is
 // matched by the low byte of its 16-bit value.
@@ -67,6 +67,7 @@ struct PngState {
   size_t pngRowBytes = 0;     // what libpng writes per row after the transforms
   uint32_t outRowBytes = 0;   // one row in the host's layout
   bool transparency = false;
+  bool invertRows = false;    // grey bytes are inverted here rather than by libpng
   Expansion expansion = Expansion::None;
   uint8_t alpha[256] = {};
   // The colour map as written to the host, kept here rather than as a pointer
@@ -186,7 +187,10 @@ void greyMaps(PngState& st, uint8_t* colorMap) {
 // Transforms and the host's layout for the colour type.
 void chooseLayout(PngState& st, Picture& out, uint8_t* colorMap) {
   png_structp png = st.png;
-  png_set_invert_mono(png);
+  // Whole bytes of grey are inverted here, a word at a time, which costs less
+  // than libpng's byte loop; packed and grey-with-alpha rows are left to libpng.
+  st.invertRows = st.colourType == PNG_COLOR_TYPE_GRAY && st.bitDepth >= 8;
+  if (!st.invertRows) png_set_invert_mono(png);
   st.passes = png_set_interlace_handling(png);
   if (st.bitDepth == 16) png_set_strip_16(png);
   switch (st.colourType) {
@@ -272,6 +276,17 @@ Status describe(const char* fileName, Picture& out, uint8_t* colorMap, bool) {
 
 // ---- Rows
 
+void invertRow(uint8_t* row, size_t bytes) {
+  size_t i = 0;
+  for (; i + 8 <= bytes; i += 8) {
+    uint64_t w;
+    std::memcpy(&w, row + i, 8);
+    w = ~w;
+    std::memcpy(row + i, &w, 8);
+  }
+  for (; i < bytes; ++i) row[i] = uint8_t(~row[i]);
+}
+
 // Widens rows in place, from the last pixel backwards, to four bytes a pixel.
 void expandRow(const PngState& st, uint8_t* row) {
   switch (st.expansion) {
@@ -333,8 +348,11 @@ Status deliver(const Band& band) {
              })) {
     return st.failed = Status::CannotOpen;
   }
-  if (st.expansion != Expansion::None)
-    for (uint32_t i = 0; i < rows; ++i) expandRow(st, rowAt(band.buffer, i, band.rowStride));
+  for (uint32_t i = 0; i < rows; ++i) {
+    uint8_t* row = rowAt(band.buffer, i, band.rowStride);
+    if (st.invertRows) invertRow(row, st.pngRowBytes);
+    expandRow(st, row);
+  }
   st.delivered += rows;
   if (st.delivered == st.height && !pngCall(st.png, [&] { png_read_end(st.png, nullptr); }))
     return st.failed = Status::CannotOpen;
