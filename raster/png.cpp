@@ -21,6 +21,7 @@
 // destructor, and everything the error path needs lives in t_png.
 #include <algorithm>
 #include <csetjmp>
+#include <cstdlib>
 #include <cstring>
 
 #include <png.h>
@@ -45,6 +46,11 @@ constexpr const char* kStandardKeywords[] = {"Author",     "Description", "Copyr
                                              "Software",   "Disclaimer",  "Warning",   "Source",
                                              "Comment",    "Title"};
 constexpr int kEmptyKeywordsForCentimetres = 10;
+// libpng only warns about an ancillary chunk longer than its limit and then
+// allocates the length the file claims, up to 2 GiB, for a few bytes of data.
+// Its blocks are refused above this size (rows of a million 16-bit RGBA
+// pixels take 8 MB); it then skips such a chunk.
+constexpr png_alloc_size_t kMaxLibpngBlock = png_alloc_size_t{64} << 20;
 
 // ---- State
 
@@ -78,6 +84,12 @@ struct PngState {
   Status failed = Status::Ok;  // sticky: a load that failed keeps failing
 };
 thread_local PngState t_png;
+
+png_voidp boundedMalloc(png_structp, png_alloc_size_t size) noexcept {
+  return size > kMaxLibpngBlock ? nullptr : std::malloc(size);
+}
+
+void plainFree(png_structp, png_voidp p) noexcept { std::free(p); }
 
 // Runs libpng steps with the jump point armed; false when libpng failed.
 template <class Step>
@@ -256,7 +268,8 @@ Status describe(const char* fileName, Picture& out, uint8_t* colorMap, bool) {
   if (!readExact(st.file.get(), signature, sizeof signature) ||
       png_sig_cmp(signature, 0, sizeof signature) != 0)
     return Status::NotThisFormat;
-  st.png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+  st.png = png_create_read_struct_2(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr, nullptr,
+                                    boundedMalloc, plainFree);
   if (!st.png) return Status::NoMemory;
   st.info = png_create_info_struct(st.png);
   if (!st.info) return Status::NoMemory;
