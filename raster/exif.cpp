@@ -360,8 +360,9 @@ double ConvertAnyFormat(const void* valuePtr, int32_t format) {
       const int32_t num = Get32s(p), den = Get32s(p + 4);
       return den == 0 ? 0 : double(num) / double(den);
     }
-    // Quirk: floats and doubles are taken in the machine's byte order
-    // whatever the block says, as the writers of these rare tags expect.
+    // Quirk: floats and doubles are read in the machine's byte order whatever
+    // the block says, where other readers swap them like the integers. Hosts
+    // of this reader have always had them so; they are rare in practice.
     case ldr::kFloat: {
       float f;
       std::memcpy(&f, p, sizeof f);
