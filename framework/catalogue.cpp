@@ -17,9 +17,9 @@ using enum Addressing;
 // that a loader never captures another maker's files by name alone.
 constexpr LoaderInfo kLoaders[] = {
     {1, registerLoadGIF, "", "GIF", "gif", Picture, true, Band},
-    {2, registerLoadPNG, "", "PNG", "png", Picture, false, Band},
+    {2, registerLoadPNG, "", "PNG", "png", Picture, true, Band},
     {3, registerLoadPCX, "", "PCX", "pcx", Picture, true, WholeImageForPackedRgb},
-    {4, registerLoadJPEG, "", "JPEG", "jpg jpeg jpe jfif", Picture, false, Band},
+    {4, registerLoadJPEG, "", "JPEG", "jpg jpeg jpe jfif", Picture, true, Band},
     {5, registerLoadTIFF, "", "TIFF", "tif tiff", Picture, false, Band},
     {6, registerLoadWebP, "", "WebP", "webp", Picture, false, Band},
     {7, registerLoadSophisC, "Sophis", "C card", "", Card, false, Band},

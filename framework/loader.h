@@ -23,6 +23,7 @@ inline constexpr int kColourMapBytes = kColourMapEntries * 3;
 
 // The description tryLoad reports.
 struct Picture {
+  uint8_t requestedLayout = VLOAD_LAYOUT_BILEVEL;  // *pixelFormat on entry: what the host asks for
   uint8_t layout = VLOAD_LAYOUT_BILEVEL;
   uint32_t width = 0, height = 0;
   uint32_t xDensity = 0, yDensity = 0;  // thousandths of a dpi, 0 = unknown
@@ -53,6 +54,7 @@ uint32_t tryLoadWith(const char* fileName, uint8_t* pixelFormat, uint32_t* width
                      uint32_t* yRepeat, uint8_t* colorMap, char* infoText, uint8_t* mirrorX,
                      uint8_t* firstPart, uint8_t readColorMap) noexcept {
   Picture pic;
+  if (pixelFormat) pic.requestedLayout = *pixelFormat;
   uint8_t discardedMap[kColourMapBytes];
   Status s = Status::Ok;
   try {

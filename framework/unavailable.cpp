@@ -28,8 +28,6 @@ void registerUnavailable() noexcept {
 #define VLOAD_UNAVAILABLE(name) \
   extern "C" void registerLoad##name(void) { ldr::registerUnavailable(); }
 
-VLOAD_UNAVAILABLE(PNG)
-VLOAD_UNAVAILABLE(JPEG)
 VLOAD_UNAVAILABLE(TIFF)
 VLOAD_UNAVAILABLE(WebP)
 VLOAD_UNAVAILABLE(SophisC)

@@ -1,6 +1,7 @@
-// fuzz/make_seeds.cpp: writes the seed corpus of the loader fuzzer from the
-// test writers (fuzz/seeds/*.cpp).
-//   make_seeds DIR
+// fuzz/make_seeds.cpp: writes the seed corpora of the loader fuzzer and,
+// when EXIF_DIR is given, of the EXIF fuzzer, from the test writers
+// (fuzz/seeds/*.cpp).
+//   make_seeds DIR [EXIF_DIR]
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -20,11 +21,21 @@ bool add(void (*writer)(const Emit& emit)) {
   return true;
 }
 
+std::vector<void (*)(const EmitBlock&)>& exifWriters() {
+  static std::vector<void (*)(const EmitBlock&)> all;
+  return all;
+}
+
+bool addExif(void (*writer)(const EmitBlock& emit)) {
+  exifWriters().push_back(writer);
+  return true;
+}
+
 }  // namespace vseed
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: make_seeds DIR\n");
+  if (argc != 2 && argc != 3) {
+    std::fprintf(stderr, "usage: make_seeds DIR [EXIF_DIR]\n");
     return 2;
   }
   int n = 0;
@@ -39,5 +50,13 @@ int main(int argc, char** argv) {
   };
   for (auto* writer : vseed::writers()) writer(emit);
   std::printf("%d seeds\n", n);
+  if (argc == 3) {
+    int blocks = 0;
+    const vseed::EmitBlock emitBlock = [&](const vtest::Bytes& block) {
+      vtest::writeFile(std::string(argv[2]) + "/exif-" + std::to_string(blocks++), block);
+    };
+    for (auto* writer : vseed::exifWriters()) writer(emitBlock);
+    std::printf("%d EXIF seeds\n", blocks);
+  }
   return 0;
 }

@@ -1,14 +1,22 @@
-# Replays the generated seeds and the saved regressions through the fuzz target.
-file(REMOVE_RECURSE ${WORK})
-file(MAKE_DIRECTORY ${WORK})
-execute_process(COMMAND ${MAKE_SEEDS} ${WORK} RESULT_VARIABLE made)
+# Replays the generated seeds and the saved regressions through the fuzz
+# targets: files in regressions/exif/ through the EXIF target, the rest through
+# the loader target.
+file(REMOVE_RECURSE ${WORK} ${WORK}-exif)
+file(MAKE_DIRECTORY ${WORK} ${WORK}-exif)
+execute_process(COMMAND ${MAKE_SEEDS} ${WORK} ${WORK}-exif RESULT_VARIABLE made)
 if(NOT made EQUAL 0)
   message(FATAL_ERROR "make_seeds failed")
 endif()
 file(GLOB seeds ${WORK}/*)
-file(GLOB regressions ${REGRESSIONS}/*)
+file(GLOB regressions LIST_DIRECTORIES false ${REGRESSIONS}/*)
 list(FILTER regressions EXCLUDE REGEX "README")
 execute_process(COMMAND ${REPLAY} ${seeds} ${regressions} RESULT_VARIABLE ran)
 if(NOT ran EQUAL 0)
   message(FATAL_ERROR "replay failed: ${ran}")
+endif()
+file(GLOB exif_seeds ${WORK}-exif/*)
+file(GLOB exif_regressions ${REGRESSIONS}/exif/*)
+execute_process(COMMAND ${EXIF_REPLAY} ${exif_seeds} ${exif_regressions} RESULT_VARIABLE ran)
+if(NOT ran EQUAL 0)
+  message(FATAL_ERROR "EXIF replay failed: ${ran}")
 endif()

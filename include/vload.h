@@ -287,6 +287,51 @@ VLOAD_API size_t readCompressedData(const char *sizeText, void *destination,
    sizeText holds no number. */
 VLOAD_API int skipCompressedData(const char *sizeText, FILE *stream);
 
+/* ---- EXIF reader --------------------------------------------------------------- */
+/*
+ * What process_EXIF found in an EXIF block. The caller owns the record and
+ * should zero it before the first call: text fields are filled only when
+ * empty (comment) or when not yet holding a date, and the largest offset seen
+ * only ever grows. Texts are zero-terminated, except `comments` when it
+ * holds the UTF-16 bytes of the wide-character tag: then commentWidecharCount
+ * says how many units it holds.
+ */
+typedef struct ExifInfo {
+    char cameraMake[32]; char cameraModel[40]; char dateTime[20];
+    int32_t orientation; int32_t flash;
+    float focalLength, exposureTime, apertureFNumber, distance, ccdWidth, exposureBias, digitalZoomRatio;
+    int32_t focalLength35mmEquiv, whitebalance, meteringMode, exposureProgram, exposureMode,
+            isoEquivalent, lightSource, distanceRange;
+    float xResolution, yResolution; int32_t resolutionUnit;
+    char comments[16000]; int32_t commentWidecharCount;
+    int32_t thumbnailOffset, thumbnailSize, largestExifOffset; uint8_t thumbnailAtEnd;
+    int32_t thumbnailSizeOffset; int32_t dateTimeOffsets[10]; int32_t numDateTimeTags; int32_t reserved;
+} ExifInfo;
+/*
+ * Parses an EXIF block into `record`. `data` points two bytes before the
+ * "Exif" identifier (where a JPEG APP1 length stands) and `length` counts the
+ * bytes from there; offsets in the record count from the TIFF header at
+ * data + 8. Nothing is read outside those `length` bytes and `data` is not
+ * written. Problems are reported through ErrNonfatal and parsing goes on or
+ * stops quietly. `suppress` is stored in SuppressNonFatalErrors, for the
+ * whole process. A NULL record does nothing. Sets the calling thread's byte
+ * order of Get16u/Get32s/Get32u to the block's.
+ */
+VLOAD_API void process_EXIF(uint8_t *data, uint32_t length, ExifInfo *record, uint8_t suppress);
+/* Resets the calling thread's EXIF parser state (byte order: little-endian). */
+VLOAD_API void Clear_EXIF(void);
+/*
+ * The first component at valuePtr of an EXIF value of format code `format`,
+ * in the calling thread's byte order (floats and doubles in the machine's):
+ * 1 unsigned byte, 3 unsigned short, 4 unsigned long, 5 unsigned rational,
+ * 6 signed byte, 8 signed short, 9 signed long, 10 signed rational, 11 float,
+ * 12 double. A rational with a zero denominator is 0; any other code is
+ * reported as illegal and gives 0. Reads up to 8 bytes at valuePtr.
+ */
+VLOAD_API double ConvertAnyFormat(const void *valuePtr, int32_t format);
+/* Bytes of one component of each format code 0..12. */
+VLOAD_API extern const int32_t BytesPerFormat[13];
+
 /* ---- Weave and fabric files ------------------------------------------------------ */
 /* Set up the calling thread's key tables of the weave and fabric readers.
    returnLoaderFunctions calls both on its first call in a thread; the weave

@@ -4,7 +4,7 @@
 #   asan     every test under AddressSanitizer and UndefinedBehaviorSanitizer
 #   tsan     every test under ThreadSanitizer
 #   fuzz     the libFuzzer targets (clang): loaders for FUZZ_SECONDS seconds (60), colour
-#            tools for COLOUR_FUZZ_SECONDS (20)
+#            tools for COLOUR_FUZZ_SECONDS (20), the EXIF reader for a third of FUZZ_SECONDS
 #   package  install, then build a consumer with find_package(Vload) and pkg-config
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -59,15 +59,22 @@ fuzz_target() {  # fuzz_target NAME SECONDS DIR... : runs one libFuzzer target, 
 
 run_fuzz() {
   CC=clang CXX=clang++ configure build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVLOAD_FUZZ=ON \
-    -DVLOAD_TESTS=OFF -- loader_fuzzer colour_fuzzer make_seeds
+    -DVLOAD_TESTS=OFF -- loader_fuzzer colour_fuzzer exif_fuzzer make_seeds
   local work=build/fuzz/run
-  rm -rf "$work" && mkdir -p "$work/corpus" "$work/seeds" "$work/colour-corpus"
-  build/fuzz/fuzz/make_seeds "$work/seeds" >/dev/null
+  rm -rf "$work" && mkdir -p "$work/corpus" "$work/seeds" "$work/colour-corpus" "$work/exif-corpus" \
+    "$work/exif-seeds"
+  build/fuzz/fuzz/make_seeds "$work/seeds" "$work/exif-seeds" >/dev/null
   local dirs=("$work/corpus" "$work/seeds")
   [ -d fuzz/regressions ] && dirs+=(fuzz/regressions)
-  for d in bmp wif gif pcx pnm psd palette; do [ -d "../shared/corpus/$d" ] && dirs+=("../shared/corpus/$d"); done
-  fuzz_target loader_fuzzer "${FUZZ_SECONDS:-60}" "${dirs[@]}"
+  for d in bmp wif gif pcx pnm psd palette png jpeg; do
+    [ -d "../shared/corpus/$d" ] && dirs+=("../shared/corpus/$d")
+  done
+  local exif_dirs=("$work/exif-corpus" "$work/exif-seeds")
+  [ -d fuzz/regressions/exif ] && exif_dirs+=(fuzz/regressions/exif)
+  local seconds=${FUZZ_SECONDS:-60}
+  fuzz_target loader_fuzzer "$seconds" "${dirs[@]}"
   fuzz_target colour_fuzzer "${COLOUR_FUZZ_SECONDS:-20}" "$work/colour-corpus" fuzz/colour-regressions
+  fuzz_target exif_fuzzer $(( (seconds + 2) / 3 )) "${exif_dirs[@]}"
   echo "== fuzz: passed"
 }
 

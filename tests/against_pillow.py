@@ -66,12 +66,33 @@ def pcx_filter(data, ref):
     return None
 
 
+def png_filter(data, ref):
+    """Grey and palette transparency goes through the loader's alpha table,
+    whose entry 255 is always 0; 16-bit grey is cut to its high byte where
+    Pillow clips it."""
+    if b"tRNS" in data and data[25] in (0, 3):
+        return "transparency through the alpha table"
+    if data[24] == 16 and data[25] in (0, 4):
+        return "16-bit grey"
+    return None
+
+
+def jpeg_filter(data, ref):
+    """Greys pass through libjpeg's one-pass quantizer, which moves some by
+    one; CMYK is converted as K x C / 256."""
+    if ref.mode in ("L", "CMYK"):
+        return ref.mode + " picture"
+    return None
+
+
 # FORMAT: (loader number, filter). A filter returns None to compare, or why not.
 FORMATS = {
     "bmp": (24, bmp_filter),
     "pnm": (12, pnm_filter),
     "psd": (76, psd_filter),
     "pcx": (3, pcx_filter),
+    "png": (2, png_filter),
+    "jpeg": (4, jpeg_filter),
 }
 
 

@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "tests/support/bmp_writer.h"
+#include "tests/support/exif_writer.h"
+#include "tests/support/jpeg_writer.h"
 #include "tests/support/palette_writer.h"
 #include "tests/support/temp_file.h"
 #include "vload.h"
@@ -221,6 +223,20 @@ TEST(Cli, InfoAsTextAndJson) {
 
   r = vload({"info", "--loader", "24", in.path()});
   EXPECT_EQ(r.exitCode, 0);
+}
+
+TEST(Cli, InfoPrintsExifFields) {
+  const Bytes exif = vtest::ExifBuilder(true).ascii(0x010F, "Weaver").rational(0x011A, 300, 1).block();
+  const TempFile jpeg(vtest::JpegBuilder{}.app1(Bytes(exif.begin() + 2, exif.end())).build(), ".jpg");
+  const TempFile bmp(BmpBuilder{}.build(), ".bmp");
+  CliRun r = vload({"info", "--exif", jpeg.path(), bmp.path()});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_NE(r.out.find("    cameraMake             \"Weaver\"\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("    yResolution            300\n"), std::string::npos);
+  EXPECT_NE(r.out.find("  exif:       none\n"), std::string::npos);
+  r = vload({"info", "--exif", "--json", jpeg.path(), bmp.path()});
+  EXPECT_NE(r.out.find("\"info\": \" \", \"exif\": {\"cameraMake\": \"Weaver\", "), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"exif\": null}"), std::string::npos);
 }
 
 TEST(Cli, SaysWhatWentWrongInWords) {
