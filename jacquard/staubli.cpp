@@ -389,7 +389,7 @@ void mapRecords(RowKernel& kernel, const ColumnPlan& plan, const uint8_t* record
     uint8_t* row = rowAt(band.buffer, r, band.rowStride);
     if (kernel.ready()) {
       kernel.run(record, row, true);
-      std::memset(row + kernel.rowBytes(), 0, stride - kernel.rowBytes());
+      if (stride > kernel.rowBytes()) std::memset(row + kernel.rowBytes(), 0, stride - kernel.rowBytes());
     } else {
       std::memset(row, 0, stride);
       plan.gather(record, row, true);

@@ -124,7 +124,7 @@ class RowKernel {
     std::vector<uint8_t> index;      // 64 permute indices a step
     std::vector<uint8_t> perVector;  // steps of each 64 output bytes
     uint32_t outBytes = 0;
-    void compile(const std::vector<uint32_t>& source, uint32_t sourceBytes);
+    void compile(const std::vector<uint32_t>& source, uint32_t sourceBytes, bool aligned);
   };
 
  private:
@@ -134,7 +134,7 @@ class RowKernel {
   Program columns_, bytes_;
   uint32_t tiles_ = 0, rowBytes_ = 0, recordBytes_ = 0;
   bool runsOf14_ = false, ready_ = false, tried_ = false;
-  std::vector<uint8_t> tiled_, transposed_, staged_, planeRows_, counts_;
+  std::vector<uint8_t> scratch_, planeRows_, counts_;
 };
 
 // Bit planes of the per-position set-bit counts over `rows` records (at most
@@ -144,14 +144,32 @@ class RowKernel {
 constexpr uint32_t kMaxPlaneRows = 255;
 void countPlanes(const uint8_t* records, uint32_t rows, uint32_t recordBytes, uint8_t* planes) noexcept;
 
-// Copies JC5 sections, each padded to whole bytes in `record`, side by side
-// into `row` (ceil(total / 8) bytes, bit 0 first, padding bits of the last
-// byte clear). `words` is scratch of sectionWords(paddedBits) words; the
-// record must be followed by kSectionSlack readable bytes.
-constexpr size_t kSectionSlack = 80;
-inline size_t sectionWords(uint64_t paddedBits) noexcept { return size_t(paddedBits / 64) + 16; }
-void joinSections(const uint8_t* record, std::span<const uint32_t> sectionHooks, uint64_t* words,
-                  uint8_t* row) noexcept;
+// Joins JC5 sections, each padded to whole bytes in a record, side by side
+// into a row (ceil(total / 8) bytes, first pixel in the top bit, padding bits
+// of the last byte clear). On the wide path each 512 bits of the row are cut
+// from the record by a precomputed piece of each section they overlap: two
+// loads, a funnel shift and a mask, with no scratch between.
+constexpr size_t kSectionLead = 64;   // readable bytes a record needs before it
+constexpr size_t kSectionSlack = 80;  // and after it
+class SectionJoin {
+ public:
+  void build(std::span<const uint32_t> sectionHooks);
+  bool empty() const noexcept { return hooks_.empty(); }
+  void run(const uint8_t* record, uint8_t* row) noexcept;
+
+  struct Piece {
+    int32_t offset = 0;    // record byte of lane 0's source, from -64 on
+    uint32_t shift = 0;    // bits to drop from it, 0..7
+    uint32_t vector = 0;   // which 64 bytes of the row
+    uint64_t lanes[8] = {};  // row bits this section provides there
+  };
+
+ private:
+  std::vector<Piece> pieces_;
+  std::vector<uint32_t> hooks_;
+  std::vector<uint64_t> words_;
+  uint32_t rowBytes_ = 0;
+};
 // Bit order reversal of n bytes from src into dst (which may be src),
 // complemented when `negate`.
 void reverseBytes(uint8_t* dst, const uint8_t* src, size_t n, bool negate) noexcept;
@@ -216,7 +234,7 @@ struct CardState {
   ColumnPlan plans[4];
   RowKernel kernels[4];
   std::vector<uint8_t> planes;          // count planes for the wide chooser
-  std::vector<uint64_t> sectionWords;   // JC5 scratch
+  SectionJoin sectionJoin;               // JC5
   std::vector<uint32_t> candidateMaps[3];
   std::vector<uint32_t> counts;
   Status failed = Status::Ok;

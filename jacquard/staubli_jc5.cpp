@@ -308,9 +308,10 @@ Status deliverJc5(const Band& band) {
   const uint32_t rows = uint32_t(band.rowCount);
   const bool packed = st.hooks == st.paddedBits;
   const size_t rowBytes = (size_t{st.hooks} + 7) / 8;
-  uint8_t* records = workArea(st, size_t{rows} * st.recordBytes + kSectionSlack);
-  if (!records) return Status::NoMemory;
-  if (!packed) st.sectionWords.resize(sectionWords(st.paddedBits));
+  uint8_t* area = workArea(st, kSectionLead + size_t{rows} * st.recordBytes + kSectionSlack);
+  if (!area) return Status::NoMemory;
+  uint8_t* records = area + kSectionLead;
+  if (!packed && st.sectionJoin.empty()) st.sectionJoin.build(st.sectionHooks);
   for (uint32_t r = 0; r < rows;) {
     int switches = 0;
     while (st.volumeMode && st.volumePicks == 0) {
@@ -327,8 +328,8 @@ Status deliverJc5(const Band& band) {
       if (packed)
         reverseBytes(row, rec, rowBytes, false);
       else
-        joinSections(rec, st.sectionHooks, st.sectionWords.data(), row);
-      std::memset(row + rowBytes, 0, size_t(band.rowStride) - rowBytes);
+        st.sectionJoin.run(rec, row);
+      if (size_t(band.rowStride) > rowBytes) std::memset(row + rowBytes, 0, size_t(band.rowStride) - rowBytes);
     }
     r += n;
   }

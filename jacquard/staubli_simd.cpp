@@ -140,15 +140,28 @@ VLOAD_WIDE void transposeTiles(const uint8_t* in, uint8_t* out, uint32_t tiles) 
   }
 }
 
-// Closes up runs of 14 pixels built as 16: of every big-endian 16-bit unit
-// the top 14 bits are kept; 8 bytes in, 7 out.
+// Closes up runs of 14 pixels built as 16: of every 16-bit unit, first
+// pixel in the top bit, the top 14 bits are kept; 8 bytes in, 7 out. The
+// staged bytes come byte-reversed within each qword (the planner stores them
+// so), so a plain load gives the units as one big-endian number V whose
+// runs sit at bits 63..50, 47..34, 31..18 and 15..2. Shifting them up by 0,
+// 2, 4 and 6 closes the gaps, leaving 56 bits at the top; a byte permute
+// then takes the top 7 bytes of each qword, highest first.
 VLOAD_WIDE void closeRuns(const uint8_t* in, uint8_t* out, uint32_t groups) noexcept {
-  for (uint32_t g = 0; g < groups; ++g) {
-    uint64_t v;
-    std::memcpy(&v, in + 8 * size_t{g}, 8);
-    v = _pext_u64(__builtin_bswap64(v), 0xFFFCFFFCFFFCFFFCull) << 8;
-    v = __builtin_bswap64(v);
-    std::memcpy(out + 7 * size_t{g}, &v, 7);
+  constexpr uint64_t kRun = 0x3FFF;
+  const __m512i keep0 = _mm512_set1_epi64(int64_t(kRun << 50)), keep2 = _mm512_set1_epi64(int64_t(kRun << 36));
+  const __m512i keep4 = _mm512_set1_epi64(int64_t(kRun << 22)), keep6 = _mm512_set1_epi64(int64_t(kRun << 8));
+  alignas(64) uint8_t order[64] = {};
+  for (int i = 0; i < 56; ++i) order[i] = uint8_t(i / 7 * 8 + 7 - i % 7);
+  const __m512i pick = _mm512_load_si512(order);
+  for (uint32_t g = 0; g < groups; g += 8, in += 64, out += 56) {
+    const __m512i v = _mm512_loadu_si512(in);
+    __m512i r = _mm512_and_si512(v, keep0);
+    r = _mm512_ternarylogic_epi64(r, _mm512_slli_epi64(v, 2), keep2, 0xF8);  // r | (b & c)
+    r = _mm512_ternarylogic_epi64(r, _mm512_slli_epi64(v, 4), keep4, 0xF8);
+    r = _mm512_ternarylogic_epi64(r, _mm512_slli_epi64(v, 6), keep6, 0xF8);
+    const uint32_t bytes = 7 * std::min<uint32_t>(8, groups - g);
+    _mm512_mask_storeu_epi8(out, ~uint64_t{0} >> (64 - bytes), _mm512_permutexvar_epi8(pick, r));
   }
 }
 
@@ -244,30 +257,26 @@ VLOAD_WIDE void findBreaks(const uint8_t* counts, uint32_t width, uint8_t tolera
   if (width % 64) breaks[width / 64] |= ~uint64_t{0} << (width % 64);
 }
 
-VLOAD_WIDE void joinSectionsWide(const uint8_t* src, std::span<const uint32_t> sectionHooks, uint64_t* words) noexcept {
-  uint64_t at = 0;
-  for (uint32_t hooks : sectionHooks) {
-    if (hooks == 0) continue;
-    const size_t w = size_t(at / 64);
-    const unsigned s = unsigned(at % 64);
-    const size_t n = size_t((at + hooks - 1) / 64) - w + 1;  // words the section touches
-    const uint64_t below = s ? words[w] & ((uint64_t{1} << s) - 1) : 0;
-    words[w] = below | loadLE64(src) << s;
-    // Word i of the output: source word i moved up by s, and the top s bits
-    // of source word i - 1 below them. A shift by 64 gives 0, which is
-    // right for s = 0.
-    const __m128i up = _mm_cvtsi32_si128(int(s)), down = _mm_cvtsi32_si128(int(64 - s));
-    size_t i = 1;
-    for (; i + 8 <= n; i += 8) {
-      const __m512i cur = _mm512_loadu_si512(src + 8 * i), prev = _mm512_loadu_si512(src + 8 * i - 8);
-      _mm512_storeu_si512(words + w + i, _mm512_or_si512(_mm512_sll_epi64(cur, up), _mm512_srl_epi64(prev, down)));
+VLOAD_WIDE void joinWide(const std::vector<SectionJoin::Piece>& pieces, const uint8_t* record, uint8_t* row,
+                         uint32_t rowBytes) noexcept {
+  const __m512i reverse = _mm512_set1_epi64(int64_t(kReverseMatrix));
+  for (size_t i = 0; i < pieces.size();) {
+    const uint32_t v = pieces[i].vector;
+    __m512i acc = _mm512_setzero_si512();
+    for (; i < pieces.size() && pieces[i].vector == v; ++i) {
+      const SectionJoin::Piece& p = pieces[i];
+      const __m512i lo = _mm512_loadu_si512(record + p.offset), hi = _mm512_loadu_si512(record + p.offset + 8);
+      const __m512i bits = _mm512_or_si512(_mm512_srl_epi64(lo, _mm_cvtsi32_si128(int(p.shift))),
+                                           _mm512_sll_epi64(hi, _mm_cvtsi32_si128(int(64 - p.shift))));
+      acc = _mm512_ternarylogic_epi64(acc, bits, _mm512_loadu_si512(p.lanes), 0xF8);  // acc | (bits & lanes)
     }
-    for (; i < n; ++i)
-      words[w + i] = loadLE64(src + 8 * i) << s | (s ? loadLE64(src + 8 * i - 8) >> (64 - s) : 0);
-    at += hooks;
-    src += (size_t{hooks} + 7) / 8;
+    const __m512i out = _mm512_gf2p8affine_epi64_epi8(acc, reverse, 0);
+    const uint32_t at = 64 * v;
+    if (rowBytes - at >= 64)
+      _mm512_storeu_si512(row + at, out);
+    else
+      _mm512_mask_storeu_epi8(row + at, ~uint64_t{0} >> (64 - (rowBytes - at)), out);
   }
-  if (at % 64) words[at / 64] &= (uint64_t{1} << (at % 64)) - 1;
 }
 
 template <int Negate>
@@ -324,8 +333,11 @@ bool useWidePath() noexcept { return t_path != CardPath::Plain && hasWideUnits()
 
 // Greedy cover: the window starts at the lowest source byte not yet covered,
 // which takes the fewest 64-byte windows for the bytes of one output vector.
-// Windows are clamped to the source, which is at least 64 bytes long.
-void RowKernel::Program::compile(const std::vector<uint32_t>& source, uint32_t sourceBytes) {
+// Windows are clamped to the source, which is at least 64 bytes long. A
+// source that was just stored 64 bytes at a time is read in those same
+// aligned blocks: a load that straddles two stores still in flight cannot
+// take its data from them and waits until they reach the cache.
+void RowKernel::Program::compile(const std::vector<uint32_t>& source, uint32_t sourceBytes, bool aligned) {
   steps.clear();
   index.clear();
   perVector.clear();
@@ -338,7 +350,8 @@ void RowKernel::Program::compile(const std::vector<uint32_t>& source, uint32_t s
     std::sort(wanted.begin(), wanted.end());
     std::vector<uint32_t> windows;
     for (uint32_t s : wanted)
-      if (windows.empty() || s >= windows.back() + 64) windows.push_back(std::min(s, sourceBytes - 64));
+      if (windows.empty() || s >= windows.back() + 64)
+        windows.push_back(aligned ? s / 64 * 64 : std::min(s, sourceBytes - 64));
     uint8_t count = 0;
     for (size_t w = 0; w < windows.size(); w += 2, ++count) {
       Step step;
@@ -407,24 +420,47 @@ bool RowKernel::plan(const std::vector<uint32_t>& pixels, uint32_t recordBytes) 
       bit = int(p % 8);
     }
     if (bit < 0) return false;
-    // Columns are numbered in the order output bytes first need them, so
-    // the bytes of one output vector come from few transposed vectors.
     const auto [at, added] = ids.try_emplace(c, uint32_t(columns.size()));
     if (added) columns.push_back(c);
     byteSource[i] = at->second * 8 + uint32_t(bit);
   }
+  // Column order decides how many source windows each step needs. The
+  // columns of one region of the record (eight rows of its stride) go
+  // together, so that a tile row gathers from few windows; within a region
+  // they go in the order output bytes first need them, so that the bytes of
+  // one output vector come from few transposed vectors.
+  const auto region = [](const Column& c) {
+    const uint32_t stride = c[0] != kNone && c[1] != kNone && c[1] > c[0] ? c[1] - c[0] : 1;
+    return c[0] == kNone ? kNone : c[0] / stride / 8;
+  };
+  std::vector<uint32_t> order(columns.size()), renumbered(columns.size());
+  for (uint32_t id = 0; id < order.size(); ++id) order[id] = id;
+  std::stable_sort(order.begin(), order.end(),
+                   [&](uint32_t a, uint32_t b) { return region(columns[a]) < region(columns[b]); });
+  std::vector<Column> sorted(columns.size());
+  for (uint32_t id = 0; id < order.size(); ++id) {
+    renumbered[order[id]] = id;
+    sorted[id] = columns[order[id]];
+  }
+  columns.swap(sorted);
+  for (uint32_t& b : byteSource) b = renumbered[b / 8] * 8 + b % 8;
   tiles_ = uint32_t((columns.size() + 63) / 64);
   std::vector<uint32_t> tileSource(size_t{tiles_} * kTileBytes, kNone);
   for (uint32_t id = 0; id < columns.size(); ++id)
     for (uint32_t k = 0; k < 8; ++k)
       tileSource[size_t{id / 64} * kTileBytes + 64 * k + tileInputColumn(id % 64)] = columns[id][k];
-  columns_.compile(tileSource, recordBytes);
-  bytes_.compile(byteSource, tiles_ * kTileBytes);
+  columns_.compile(tileSource, recordBytes, false);
+  if (runsOf14_) {
+    // Staged bytes are stored byte-reversed within each qword for closeRuns.
+    std::vector<uint32_t> staged(byteSource.size());
+    for (size_t p = 0; p < staged.size(); ++p) staged[p] = byteSource[(p & ~size_t{7}) | (7 - p % 8)];
+    byteSource.swap(staged);
+  }
+  bytes_.compile(byteSource, tiles_ * kTileBytes, true);
   rowBytes_ = runsOf14_ ? outBytes / 8 * 7 : outBytes;
   recordBytes_ = recordBytes;
-  tiled_.assign(size_t{tiles_} * kTileBytes, 0);
-  transposed_.assign(size_t{tiles_} * kTileBytes, 0);
-  staged_.assign(runsOf14_ ? outBytes : 0, 0);
+  // Tiles, transposed tiles and staged bytes, each on a cache line.
+  scratch_.assign(size_t{tiles_} * kTileBytes * 2 + outBytes + 128, 0);
   return true;
 }
 
@@ -432,14 +468,17 @@ bool RowKernel::plan(const std::vector<uint32_t>& pixels, uint32_t recordBytes) 
 
 void RowKernel::runInto(const uint8_t* record, uint8_t* out, bool setWhenZero) noexcept {
 #if defined(__x86_64__)
-  runProgram(columns_, record, tiled_.data());
+  uint8_t* tiled = scratch_.data() + (-reinterpret_cast<uintptr_t>(scratch_.data()) % 64);
+  uint8_t* transposed = tiled + size_t{tiles_} * kTileBytes;
+  uint8_t* staged = transposed + size_t{tiles_} * kTileBytes;
+  runProgram(columns_, record, tiled);
   if (setWhenZero)
-    transposeTiles<0xFF>(tiled_.data(), transposed_.data(), tiles_);
+    transposeTiles<0xFF>(tiled, transposed, tiles_);
   else
-    transposeTiles<0>(tiled_.data(), transposed_.data(), tiles_);
-  if (!runsOf14_) return runProgram(bytes_, transposed_.data(), out);
-  runProgram(bytes_, transposed_.data(), staged_.data());
-  closeRuns(staged_.data(), out, bytes_.outBytes / 8);
+    transposeTiles<0>(tiled, transposed, tiles_);
+  if (!runsOf14_) return runProgram(bytes_, transposed, out);
+  runProgram(bytes_, transposed, staged);
+  closeRuns(staged, out, bytes_.outBytes / 8);
 #else
   (void)record, (void)out, (void)setWhenZero;
 #endif
@@ -456,8 +495,8 @@ uint32_t RowKernel::smoothness(const uint8_t* planes, uint32_t tolerance) noexce
   for (uint32_t w = 0; w < 8; ++w)
     runInto(planes + size_t{w} * recordBytes_, planeRows_.data() + size_t{w} * rowBytes_, false);
   // 64 bytes ahead of the counts for the left neighbour of column 0, 64
-  // behind for the last partial vector.
-  counts_.assign(size_t{width} + 128, 0);
+  // behind for the last partial vector: what they hold counts as breaks.
+  counts_.resize(size_t{width} + 128);
   unslicePlanes(planeRows_.data(), rowBytes_, counts_.data() + 64);
   std::vector<uint64_t> breaks((width + 63) / 64);
   findBreaks(counts_.data() + 64, width, uint8_t(std::min<uint32_t>(tolerance, 255)), breaks.data());
@@ -478,24 +517,48 @@ void countPlanes(const uint8_t* records, uint32_t rows, uint32_t recordBytes, ui
 #endif
 }
 
-void joinSections(const uint8_t* record, std::span<const uint32_t> sectionHooks, uint64_t* words,
-                  uint8_t* row) noexcept {
-  uint64_t total = 0;
-  for (uint32_t h : sectionHooks) total += h;
-  const size_t rowBytes = size_t((total + 7) / 8);
-#if defined(__x86_64__)
-  if (useWidePath()) {
-    joinSectionsWide(record, sectionHooks, words);
-    return reverseWide<0>(row, reinterpret_cast<const uint8_t*>(words), rowBytes);
+// Piece of section s in row vector v (rows bits B = 512v on): row bit
+// B + 64i + b is section bit d + 64i + b with d = B - at, which is bit
+// r + b of the qword at byte o + 8i for o = floor(d / 8), r = d mod 8, or
+// bit r + b - 64 of the next qword. So lane i is lo >> r | hi << (64 - r)
+// with lo, hi the qwords at o + 8i and o + 8i + 8. d > -512 keeps o >= -64.
+void SectionJoin::build(std::span<const uint32_t> sectionHooks) {
+  hooks_.assign(sectionHooks.begin(), sectionHooks.end());
+  pieces_.clear();
+  uint64_t at = 0, start = 0;
+  for (uint32_t hooks : hooks_) {
+    for (uint64_t v = at / 512; hooks && v * 512 < at + hooks; ++v) {
+      const int64_t d = int64_t(v * 512) - int64_t(at);
+      Piece p;
+      p.offset = int32_t(int64_t(start) + (d >> 3));
+      p.shift = uint32_t(d & 7);
+      p.vector = uint32_t(v);
+      const uint64_t first = std::max(at, v * 512) - v * 512, last = std::min(at + hooks, v * 512 + 512) - v * 512;
+      for (uint64_t b = first; b < last; ++b) p.lanes[b / 64] |= uint64_t{1} << (b % 64);
+      pieces_.push_back(p);
+    }
+    at += hooks;
+    start += (uint64_t{hooks} + 7) / 8;
   }
+  std::stable_sort(pieces_.begin(), pieces_.end(), [](const Piece& a, const Piece& b) { return a.vector < b.vector; });
+  rowBytes_ = uint32_t((at + 7) / 8);
+  words_.assign(size_t(at / 64) + 2, 0);
+}
+
+void SectionJoin::run(const uint8_t* record, uint8_t* row) noexcept {
+#if defined(__x86_64__)
+  if (useWidePath()) return joinWide(pieces_, record, row, rowBytes_);
 #endif
+  // Plain: one 64-bit word at a time, each section's words moved up by its
+  // start within the word and ORed onto what the sections before left.
+  uint64_t* words = words_.data();
   uint64_t at = 0;
   const uint8_t* src = record;
-  for (uint32_t hooks : sectionHooks) {
+  for (uint32_t hooks : hooks_) {
     if (hooks == 0) continue;
     const size_t w = size_t(at / 64);
     const unsigned s = unsigned(at % 64);
-    const size_t n = size_t((at + hooks - 1) / 64) - w + 1;
+    const size_t n = size_t((at + hooks - 1) / 64) - w + 1;  // words the section touches
     const uint64_t below = s ? words[w] & ((uint64_t{1} << s) - 1) : 0;
     words[w] = below | loadLE64(src) << s;
     for (size_t i = 1; i < n; ++i)
@@ -504,7 +567,7 @@ void joinSections(const uint8_t* record, std::span<const uint32_t> sectionHooks,
     src += (size_t{hooks} + 7) / 8;
   }
   if (at % 64) words[at / 64] &= (uint64_t{1} << (at % 64)) - 1;
-  for (size_t i = 0; i < rowBytes; ++i) row[i] = kReversed[uint8_t(words[i / 8] >> (8 * (i % 8)))];
+  for (size_t i = 0; i < rowBytes_; ++i) row[i] = kReversed[uint8_t(words[i / 8] >> (8 * (i % 8)))];
 }
 
 void reverseBytes(uint8_t* dst, const uint8_t* src, size_t n, bool negate) noexcept {
