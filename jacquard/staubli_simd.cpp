@@ -180,6 +180,22 @@ VLOAD_WIDE inline void rippleAdd(__m512i* planes, int first, __m512i carry) noex
   }
 }
 
+// Adds 8 rows of 64 bytes, `stride` apart, into the ones, twos and fours of
+// p; returns the eights they carry out.
+VLOAD_WIDE inline __m512i addEightRows(__m512i* p, const uint8_t* at, size_t stride) noexcept {
+#define row(k) _mm512_loadu_si512(at + (k) * stride)
+  __m512i twosA, twosB, foursA, foursB, eights;
+  csa(twosA, p[0], p[0], row(0), row(1));
+  csa(twosB, p[0], p[0], row(2), row(3));
+  csa(foursA, p[1], p[1], twosA, twosB);
+  csa(twosA, p[0], p[0], row(4), row(5));
+  csa(twosB, p[0], p[0], row(6), row(7));
+  csa(foursB, p[1], p[1], twosA, twosB);
+  csa(eights, p[2], p[2], foursA, foursB);
+#undef row
+  return eights;
+}
+
 VLOAD_WIDE void countPlanesWide(const uint8_t* records, uint32_t rows, uint32_t recordBytes,
                                 uint8_t* planes) noexcept {
   // The last chunk overlaps the one before when the record is no multiple of
@@ -187,33 +203,19 @@ VLOAD_WIDE void countPlanesWide(const uint8_t* records, uint32_t rows, uint32_t 
   for (uint32_t off = 0;; off += 64) {
     off = std::min(off, recordBytes - 64);
     const uint8_t* col = records + off;
-#define row(r) _mm512_loadu_si512(col + size_t{r} * recordBytes)
     __m512i p[8];
     for (__m512i& v : p) v = _mm512_setzero_si512();
     // p[0..3] are the ones, twos, fours and eights of Harley-Seal; each 16
     // rows carry a sixteens vector into p[4..7], a binary counter.
     uint32_t r = 0;
     for (; r + 16 <= rows; r += 16) {
-      __m512i twosA, twosB, foursA, foursB, eightsA, eightsB, sixteens;
-      csa(twosA, p[0], p[0], row(r), row(r + 1));
-      csa(twosB, p[0], p[0], row(r + 2), row(r + 3));
-      csa(foursA, p[1], p[1], twosA, twosB);
-      csa(twosA, p[0], p[0], row(r + 4), row(r + 5));
-      csa(twosB, p[0], p[0], row(r + 6), row(r + 7));
-      csa(foursB, p[1], p[1], twosA, twosB);
-      csa(eightsA, p[2], p[2], foursA, foursB);
-      csa(twosA, p[0], p[0], row(r + 8), row(r + 9));
-      csa(twosB, p[0], p[0], row(r + 10), row(r + 11));
-      csa(foursA, p[1], p[1], twosA, twosB);
-      csa(twosA, p[0], p[0], row(r + 12), row(r + 13));
-      csa(twosB, p[0], p[0], row(r + 14), row(r + 15));
-      csa(foursB, p[1], p[1], twosA, twosB);
-      csa(eightsB, p[2], p[2], foursA, foursB);
+      const __m512i eightsA = addEightRows(p, col + size_t{r} * recordBytes, recordBytes);
+      const __m512i eightsB = addEightRows(p, col + size_t{r + 8} * recordBytes, recordBytes);
+      __m512i sixteens;
       csa(sixteens, p[3], p[3], eightsA, eightsB);
       rippleAdd(p, 4, sixteens);
     }
-    for (; r < rows; ++r) rippleAdd(p, 0, row(r));
-#undef row
+    for (; r < rows; ++r) rippleAdd(p, 0, _mm512_loadu_si512(col + size_t{r} * recordBytes));
     for (int w = 0; w < 8; ++w) _mm512_storeu_si512(planes + size_t(w) * recordBytes + off, p[w]);
     if (off + 64 >= recordBytes) break;
   }
