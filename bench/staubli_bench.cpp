@@ -7,8 +7,8 @@
 //    every band counts its bits and scores both mappings before mapping;
 //  - JC5, three sections of 1341, 2050 and 4003 hooks: rows are compacted;
 //  - JC3, 9408 hooks (seven 1344-hook modules) x 20000 picks.
-// Delivery is in bands of 64 rows into a warm buffer, like a host that reuses
-// its picture buffer.
+// Delivery is in bands of 64 rows, into a warm buffer like a host that reuses
+// its picture buffer, or into new pages like one that allocates per picture.
 #include <cstdio>
 #include <cstdlib>
 #include <random>
@@ -75,20 +75,21 @@ const vtest::TempFile& cardFile(int i) {
 
 size_t fileSize(const char* path) { return vtest::readFile(path).size(); }
 
-void BM_CardFread(benchmark::State& s, int card) {
+void BM_CardFread(benchmark::State& s, int card, bool fresh) {
   const vtest::TempFile& f = cardFile(card);
   const size_t size = fileSize(f.path());
   vbench::Pages warm(size, 0, true);
   for (auto _ : s) {
+    vbench::Pages page(fresh ? size : 0);
     std::FILE* in = std::fopen(f.path(), "rb");
-    benchmark::DoNotOptimize(std::fread(warm.at, 1, size, in));
+    benchmark::DoNotOptimize(std::fread(fresh ? page.at : warm.at, 1, size, in));
     std::fclose(in);
     benchmark::ClobberMemory();
   }
   s.SetBytesProcessed(int64_t(s.iterations() * size));
 }
 
-void BM_CardLoad(benchmark::State& s, int card) {
+void BM_CardLoad(benchmark::State& s, int card, bool fresh) {
   const vtest::TempFile& f = cardFile(card);
   vload_tool::Description d;
   d.loader = vload_tool::install(kCards[card].loader, f.path());
@@ -97,9 +98,10 @@ void BM_CardLoad(benchmark::State& s, int card) {
   const size_t bytes = vload_tool::imageBytes(d);
   vbench::Pages warm(bytes, 0, true);
   for (auto _ : s) {
+    vbench::Pages page(fresh ? bytes : 0);
     vload_tool::install(kCards[card].loader, f.path());
     if (vload_tool::describe(f.path(), d, true) != VLOAD_OK) std::abort();
-    if (vload_tool::deliverAll(d, warm.at, 64) != VLOAD_OK) std::abort();
+    if (vload_tool::deliverAll(d, fresh ? page.at : warm.at, 64) != VLOAD_OK) std::abort();
     vload_tool::endLoad();
     benchmark::ClobberMemory();
   }
@@ -107,10 +109,15 @@ void BM_CardLoad(benchmark::State& s, int card) {
   vbench::megapixels(s, double(d.width) * d.height);
 }
 
-#define CARD_CASES(name, index)                                                                \
-  BENCHMARK_CAPTURE(BM_CardFread, name, index)->Unit(benchmark::kMillisecond);                 \
-  BENCHMARK_CAPTURE(BM_CardLoad, name, index)->Unit(benchmark::kMillisecond);                  \
-  const bool paired_##name = vbench::pair("BM_CardLoad/" #name, "BM_CardFread/" #name);
+// Each loader against fread into the same kind of destination: "warm" pages
+// touched before, "fresh" pages new from the kernel each time.
+#define CARD_CASES(name, index)                                                                          \
+  BENCHMARK_CAPTURE(BM_CardFread, name##_warm, index, false)->Unit(benchmark::kMillisecond);             \
+  BENCHMARK_CAPTURE(BM_CardLoad, name##_warm, index, false)->Unit(benchmark::kMillisecond);              \
+  BENCHMARK_CAPTURE(BM_CardFread, name##_fresh, index, true)->Unit(benchmark::kMillisecond);             \
+  BENCHMARK_CAPTURE(BM_CardLoad, name##_fresh, index, true)->Unit(benchmark::kMillisecond);              \
+  const bool paired_##name = vbench::pair("BM_CardLoad/" #name "_warm", "BM_CardFread/" #name "_warm") && \
+                             vbench::pair("BM_CardLoad/" #name "_fresh", "BM_CardFread/" #name "_fresh");
 
 CARD_CASES(staubli_jc4_12288, 0)
 CARD_CASES(staubli_jc5_sections, 1)

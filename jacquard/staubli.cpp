@@ -50,24 +50,7 @@ int64_t fileSize(std::FILE* f) noexcept {
   return int64_t(st.st_size);
 }
 
-namespace {
-
-constexpr auto kReversed = [] {
-  std::array<uint8_t, 256> t{};
-  for (int v = 0; v < 256; ++v) {
-    int r = 0;
-    for (int b = 0; b < 8; ++b) r |= (v >> b & 1) << (7 - b);
-    t[size_t(v)] = uint8_t(r);
-  }
-  return t;
-}();
-
-}  // namespace
-
-void reverseNegateBytes(uint8_t* bytes, size_t n, bool negate) noexcept {
-  const uint8_t flip = negate ? 0xFF : 0x00;
-  for (size_t i = 0; i < n; ++i) bytes[i] = kReversed[bytes[i]] ^ flip;
-}
+void reverseNegateBytes(uint8_t* bytes, size_t n, bool negate) noexcept { reverseBytes(bytes, bytes, n, negate); }
 
 // ---- Hook mapping
 
@@ -309,6 +292,26 @@ uint32_t defaultModuleSize(int32_t choice) noexcept {
   return choice >= 3 ? kWideModule : 1344;
 }
 
+// The chooser's scores on the wide path: the counts stay bit-sliced in
+// planes, which each candidate's kernel maps like records, so the counts
+// come out in column order with no per-column lookup. False when some
+// candidate has no kernel or the band is too tall for byte-wide counts.
+bool wideScores(CardState& st, const uint8_t* records, uint32_t rows, const bool* eligible,
+                uint32_t tolerance, uint32_t* score) {
+  if (rows > kMaxPlaneRows || !useWidePath()) return false;
+  for (int i = 0; i < 3; ++i) {
+    if (!eligible[i]) continue;
+    RowKernel& kernel = st.kernels[i];
+    if (!kernel.tried()) kernel.build(cardMapping(kModuleSizes[i], st.hooks / kModuleSizes[i], false), st.recordBytes);
+    if (!kernel.ready()) return false;
+  }
+  st.planes.resize(size_t{st.recordBytes} * 8);
+  countPlanes(records, rows, st.recordBytes, st.planes.data());
+  for (int i = 0; i < 3; ++i)
+    if (eligible[i]) score[i] = st.kernels[i].smoothness(st.planes.data(), tolerance);
+  return true;
+}
+
 // The module size for this band's records: the only one that divides the
 // hooks, the host's default, or the one whose mapping gives the smoothest
 // picture, 1344 winning ties, then 1536.
@@ -324,15 +327,17 @@ uint32_t chooseModuleSize(CardState& st, const uint8_t* records, uint32_t rows) 
   if (t_defaultMapping != 0) return defaultModuleSize(t_defaultMapping);
   if (rows == 0) return 1344;
 
-  st.counts.resize(size_t{st.recordBytes} * 8);
-  countSetBits(records, rows, st.recordBytes, st.counts);
   const uint32_t tolerance = rows / 50;
   uint32_t score[3] = {};
-  for (int i = 0; i < 3; ++i) {
-    if (!eligible[i]) continue;
-    std::vector<uint32_t>& map = st.candidateMaps[i];
-    if (map.empty()) map = cardMapping(kModuleSizes[i], st.hooks / kModuleSizes[i], false);
-    score[i] = smoothness(map, st.hooks, st.counts, tolerance);
+  if (!wideScores(st, records, rows, eligible, tolerance, score)) {
+    st.counts.resize(size_t{st.recordBytes} * 8);
+    countSetBits(records, rows, st.recordBytes, st.counts);
+    for (int i = 0; i < 3; ++i) {
+      if (!eligible[i]) continue;
+      std::vector<uint32_t>& map = st.candidateMaps[i];
+      if (map.empty()) map = cardMapping(kModuleSizes[i], st.hooks / kModuleSizes[i], false);
+      score[i] = smoothness(map, st.hooks, st.counts, tolerance);
+    }
   }
   if (score[0] >= score[1] && score[0] >= score[2]) return 1344;
   if (score[1] >= score[0] && score[1] >= score[2]) return 1536;
@@ -352,21 +357,44 @@ constexpr size_t kIdentityPlan = 3;
 // Pixels from the hook count to the end of a wider stride are not part of
 // the card and stay clear: plans cover the first `hooks` columns only.
 void mapRows(CardState& st, const uint8_t* records, uint32_t rows, const Band& band) {
-  ColumnPlan* plan = &st.plans[kIdentityPlan];
-  if (st.recordBytes < kMinMappedRecordBytes) {
-    if (plan->empty()) plan->buildIdentity(st.hooks, st.recordBytes);
-  } else {
+  size_t index = kIdentityPlan;
+  if (st.recordBytes >= kMinMappedRecordBytes) {
     st.moduleSize = chooseModuleSize(st, records, rows);
     st.modules = modulesFor(st.hooks, st.moduleSize);
-    plan = &st.plans[planIndex(st.moduleSize)];
-    if (plan->empty()) {
-      std::vector<uint32_t> map = cardMapping(st.moduleSize, st.modules, false);
+    index = planIndex(st.moduleSize);
+  }
+  const auto columnMap = [&] {
+    std::vector<uint32_t> map;
+    if (index == kIdentityPlan) {
+      map.resize(st.hooks);
+      for (uint32_t x = 0; x < st.hooks; ++x) map[x] = x;
+    } else {
+      map = cardMapping(st.moduleSize, st.modules, false);
       map.resize(std::min<size_t>(map.size(), st.hooks));
-      plan->build(map, st.recordBytes);
+    }
+    return map;
+  };
+  RowKernel& kernel = st.kernels[index];
+  ColumnPlan& plan = st.plans[index];
+  if (!kernel.tried()) kernel.build(columnMap(), st.recordBytes);
+  if (!kernel.ready() && plan.empty()) plan.build(columnMap(), st.recordBytes);
+  mapRecords(kernel, plan, records, st.recordBytes, rows, band);
+}
+
+void mapRecords(RowKernel& kernel, const ColumnPlan& plan, const uint8_t* records, uint32_t recordBytes,
+                uint32_t rows, const Band& band) {
+  const size_t stride = size_t(band.rowStride);
+  for (uint32_t r = 0; r < rows; ++r) {
+    const uint8_t* record = records + size_t{r} * recordBytes;
+    uint8_t* row = rowAt(band.buffer, r, band.rowStride);
+    if (kernel.ready()) {
+      kernel.run(record, row, true);
+      if (stride > kernel.rowBytes()) std::memset(row + kernel.rowBytes(), 0, stride - kernel.rowBytes());
+    } else {
+      std::memset(row, 0, stride);
+      plan.gather(record, row, true);
     }
   }
-  for (uint32_t r = 0; r < rows; ++r)
-    plan->gather(records + size_t{r} * st.recordBytes, rowAt(band.buffer, r, band.rowStride), true);
 }
 
 // ---- Volumes
@@ -528,7 +556,6 @@ Status deliverJc4Family(const Band& band, Status (*nextVolume)(CardState&)) {
   CardState& st = t_card;
   if (const Status s = checkBand(st, band); s != Status::Ok) return s;
   const uint32_t rows = uint32_t(band.rowCount);
-  for (uint32_t r = 0; r < rows; ++r) std::memset(rowAt(band.buffer, r, band.rowStride), 0, size_t(band.rowStride));
   const size_t bytes = size_t{rows} * st.recordBytes;
   uint8_t* records = workArea(st, bytes);
   if (!records) return Status::NoMemory;

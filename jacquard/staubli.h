@@ -78,6 +78,102 @@ class ColumnPlan {
 void countSetBits(const uint8_t* records, uint32_t rows, uint32_t recordBytes,
                   std::span<uint32_t> counts) noexcept;
 
+// ---- Wide vector path
+
+// Which code turns records into rows: the widest this processor runs (Auto),
+// or one chosen by tests and benchmarks. Per thread.
+enum class CardPath : uint8_t { Auto, Plain, Wide };
+void forceCardPath(CardPath path) noexcept;
+// True when the processor has what `path` needs (Auto and Plain always).
+bool cardPathAvailable(CardPath path) noexcept;
+// True when the wide path is to be used for the next load.
+bool useWidePath() noexcept;
+
+// The whole-record form of a mapping for 512-bit vector units. Every output
+// byte shows one bit position of eight record bytes (a "column"), so a row is
+// built in three moves, each on 64 bytes at a time: gather the columns' bytes
+// into tiles, transpose each tile's 8 x 8 bit blocks, gather the output bytes
+// from the transposed tiles. Runs of 14 pixels (1344-hook modules) are built
+// as 16 and closed up afterwards.
+class RowKernel {
+ public:
+  // Compiles map (pixel x shows file bit map[x]); false when the wide path is
+  // off, or the mapping does not have that shape.
+  bool build(std::span<const uint32_t> map, uint32_t recordBytes);
+  bool ready() const noexcept { return ready_; }
+  bool tried() const noexcept { return tried_; }
+  // Bytes of a row that run writes, all of them: width / 8.
+  uint32_t rowBytes() const noexcept { return rowBytes_; }
+  // Writes bytes [0, rowBytes) of `row`: a pixel is set where its file bit is
+  // 0 when setWhenZero, else where it is 1. Reads only the record's bytes.
+  void run(const uint8_t* record, uint8_t* row, bool setWhenZero) noexcept;
+  // What the chooser's smoothness gives for this mapping, from count planes
+  // (see countPlanes): the longest stretch of columns whose neighbours'
+  // counts differ by no more than `tolerance`.
+  uint32_t smoothness(const uint8_t* planes, uint32_t tolerance) noexcept;
+
+  // Output byte i = source byte source[i] (kNone: 0), compiled into steps of
+  // one two-register byte permute each.
+  struct Program {
+    struct Step {
+      uint32_t a = 0, b = 0;  // the two 64-byte source windows
+      uint64_t mask = 0;      // output bytes this step provides
+    };
+    static constexpr uint32_t kNone = UINT32_MAX;
+    std::vector<Step> steps;
+    std::vector<uint8_t> index;      // 64 permute indices a step
+    std::vector<uint8_t> perVector;  // steps of each 64 output bytes
+    uint32_t outBytes = 0;
+    void compile(const std::vector<uint32_t>& source, uint32_t sourceBytes, bool aligned);
+  };
+
+ private:
+  bool plan(const std::vector<uint32_t>& pixels, uint32_t recordBytes);
+  void runInto(const uint8_t* record, uint8_t* out, bool setWhenZero) noexcept;
+
+  Program columns_, bytes_;
+  uint32_t tiles_ = 0, rowBytes_ = 0, recordBytes_ = 0;
+  bool runsOf14_ = false, ready_ = false, tried_ = false;
+  std::vector<uint8_t> scratch_, planeRows_, counts_;
+};
+
+// Bit planes of the per-position set-bit counts over `rows` records (at most
+// 255, at least 1): bit p % 8 of byte p / 8 of plane w is bit w of the count
+// of file bit p, so a plane maps like a record. `planes` holds 8 planes of
+// recordBytes bytes (at least 64) one after another. Wide path only.
+constexpr uint32_t kMaxPlaneRows = 255;
+void countPlanes(const uint8_t* records, uint32_t rows, uint32_t recordBytes, uint8_t* planes) noexcept;
+
+// Joins JC5 sections, each padded to whole bytes in a record, side by side
+// into a row (ceil(total / 8) bytes, first pixel in the top bit, padding bits
+// of the last byte clear). On the wide path each 512 bits of the row are cut
+// from the record by a precomputed piece of each section they overlap: two
+// loads, a funnel shift and a mask, with no scratch between.
+constexpr size_t kSectionLead = 64;   // readable bytes a record needs before it
+constexpr size_t kSectionSlack = 80;  // and after it
+class SectionJoin {
+ public:
+  void build(std::span<const uint32_t> sectionHooks);
+  bool empty() const noexcept { return hooks_.empty(); }
+  void run(const uint8_t* record, uint8_t* row) noexcept;
+
+  struct Piece {
+    int32_t offset = 0;    // record byte of lane 0's source, from -64 on
+    uint32_t shift = 0;    // bits to drop from it, 0..7
+    uint32_t vector = 0;   // which 64 bytes of the row
+    uint64_t lanes[8] = {};  // row bits this section provides there
+  };
+
+ private:
+  std::vector<Piece> pieces_;
+  std::vector<uint32_t> hooks_;
+  std::vector<uint64_t> words_;
+  uint32_t rowBytes_ = 0;
+};
+// Bit order reversal of n bytes from src into dst (which may be src),
+// complemented when `negate`.
+void reverseBytes(uint8_t* dst, const uint8_t* src, size_t n, bool negate) noexcept;
+
 // ---- Volumes
 
 // Advances a name's two-digit volume suffix ("09" to "10"); false when the
@@ -136,6 +232,9 @@ struct CardState {
   // Column plans by module size (index into kModuleSizes; 3 = identity) and
   // the mappings the chooser walks.
   ColumnPlan plans[4];
+  RowKernel kernels[4];
+  std::vector<uint8_t> planes;          // count planes for the wide chooser
+  SectionJoin sectionJoin;               // JC5
   std::vector<uint32_t> candidateMaps[3];
   std::vector<uint32_t> counts;
   Status failed = Status::Ok;
@@ -180,6 +279,11 @@ Status readCardBytes(CardState& st, uint8_t* dst, size_t n, Status (*nextVolume)
 // JC4 family: the plan for this band (identity for narrow records, else the
 // module size chosen from the band's records) gathered into the rows.
 void mapRows(CardState& st, const uint8_t* records, uint32_t rows, const Band& band);
+
+// Rows from `rows` records through the kernel when it is ready, else through
+// the plan; the rest of each row's stride is cleared.
+void mapRecords(RowKernel& kernel, const ColumnPlan& plan, const uint8_t* records, uint32_t recordBytes,
+                uint32_t rows, const Band& band);
 
 // Bit order reversal of every byte (bit 0 becomes bit 7), complemented too
 // when `negate`.

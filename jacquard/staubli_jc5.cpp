@@ -69,11 +69,6 @@ bool inRange(int32_t v, uint32_t low, uint32_t high) noexcept {
   return v >= int32_t(low) && uint32_t(v) <= high;
 }
 
-void clearRows(const Band& band) {
-  for (int32_t r = 0; r < band.rowCount; ++r)
-    std::memset(rowAt(band.buffer, r, band.rowStride), 0, size_t(band.rowStride));
-}
-
 // Reads n bytes, zeros for what the file does not hold.
 void readOrZero(std::FILE* f, uint8_t* dst, size_t n) noexcept {
   const size_t got = f ? std::fread(dst, 1, n, f) : 0;
@@ -133,12 +128,12 @@ Status nextJc3Volume(CardState& st) {
 Status deliverJc3(const Band& band) {
   CardState& st = t_card;
   if (const Status s = checkBand(st, band); s != Status::Ok) return s;
-  clearRows(band);
   ColumnPlan& plan = st.plans[0];
-  if (plan.empty()) {
+  RowKernel& kernel = st.kernels[0];
+  if (!kernel.tried()) {
     std::vector<uint32_t> map = cardMapping(kJc3Module, st.modules, true);
     map.resize(std::min<size_t>(map.size(), st.hooks));
-    plan.build(map, st.recordBytes);
+    if (!kernel.build(map, st.recordBytes)) plan.build(map, st.recordBytes);
   }
   const uint32_t rows = uint32_t(band.rowCount);
   uint8_t* records = workArea(st, size_t{rows} * st.recordBytes);
@@ -151,8 +146,9 @@ Status deliverJc3(const Band& band) {
     if (st.volumeMode) n = std::max<uint32_t>(1, std::min(n, st.volumePicks - st.volumeRead));
     readOrZero(st.file.get(), records, size_t{n} * st.recordBytes);
     st.volumeRead += n;
-    for (uint32_t k = 0; k < n; ++k)
-      plan.gather(records + size_t{k} * st.recordBytes, rowAt(band.buffer, r + k, band.rowStride), true);
+    Band part = band;
+    part.buffer = rowAt(band.buffer, r, band.rowStride);
+    mapRecords(kernel, plan, records, st.recordBytes, n, part);
     r += n;
   }
   st.delivered += rows;
@@ -305,39 +301,17 @@ Status nextJc5Volume(CardState& st) {
   return Status::Ok;
 }
 
-// Copies `bits` bits (bit 0 of a byte first) from `src` to `dst` starting at
-// bit `at`; dst's bytes from the one holding bit `at` on are ORed into.
-// Reads only the ceil(bits / 8) bytes of the section, and masks the padding
-// bits of its last byte.
-void copyBits(uint8_t* dst, uint64_t at, const uint8_t* src, uint32_t bits) {
-  uint8_t* d = dst + at / 8;
-  const unsigned shift = unsigned(at % 8);
-  const uint32_t whole = bits / 8, rest = bits % 8;
-  if (shift == 0) {
-    std::memcpy(d, src, whole);
-  } else {
-    for (uint32_t i = 0; i < whole; ++i) {
-      d[i] = uint8_t(d[i] | src[i] << shift);
-      d[i + 1] = uint8_t(src[i] >> (8 - shift));
-    }
-  }
-  if (rest) {
-    const unsigned v = src[whole] & ((1u << rest) - 1);
-    d[whole] = uint8_t(d[whole] | v << shift);
-    if (shift + rest > 8) d[whole + 1] = uint8_t(v >> (8 - shift));
-  }
-}
-
 // As for JC3, a record is its padded width in bytes whatever the stride.
 Status deliverJc5(const Band& band) {
   CardState& st = t_card;
   if (const Status s = checkBand(st, band); s != Status::Ok) return s;
-  clearRows(band);
   const uint32_t rows = uint32_t(band.rowCount);
   const bool packed = st.hooks == st.paddedBits;
   const size_t rowBytes = (size_t{st.hooks} + 7) / 8;
-  uint8_t* records = workArea(st, size_t{rows} * st.recordBytes);
-  if (!records) return Status::NoMemory;
+  uint8_t* area = workArea(st, kSectionLead + size_t{rows} * st.recordBytes + kSectionSlack);
+  if (!area) return Status::NoMemory;
+  uint8_t* records = area + kSectionLead;
+  if (!packed && st.sectionJoin.empty()) st.sectionJoin.build(st.sectionHooks);
   for (uint32_t r = 0; r < rows;) {
     int switches = 0;
     while (st.volumeMode && st.volumePicks == 0) {
@@ -350,18 +324,12 @@ Status deliverJc5(const Band& band) {
     for (uint32_t k = 0; k < n; ++k) {
       const uint8_t* rec = records + size_t{k} * st.recordBytes;
       uint8_t* row = rowAt(band.buffer, r + k, band.rowStride);
-      if (packed) {
-        std::memcpy(row, rec, rowBytes);
-      } else {
-        // Sections side by side, without the padding between them.
-        uint64_t at = 0;
-        for (uint32_t hooks : st.sectionHooks) {
-          copyBits(row, at, rec, hooks);
-          at += hooks;
-          rec += (size_t{hooks} + 7) / 8;
-        }
-      }
-      reverseNegateBytes(row, rowBytes, false);
+      // Sections side by side, without the padding between them.
+      if (packed)
+        reverseBytes(row, rec, rowBytes, false);
+      else
+        st.sectionJoin.run(rec, row);
+      if (size_t(band.rowStride) > rowBytes) std::memset(row + rowBytes, 0, size_t(band.rowStride) - rowBytes);
     }
     r += n;
   }
