@@ -52,6 +52,8 @@ run_fuzz() {
   [ -d fuzz/regressions ] && dirs+=(fuzz/regressions)
   [ -d ../shared/corpus/bmp ] && dirs+=(../shared/corpus/bmp)
   [ -d ../shared/corpus/wif ] && dirs+=(../shared/corpus/wif)
+  [ -d ../shared/corpus/tiff ] && dirs+=(../shared/corpus/tiff)
+  [ -d ../shared/corpus/webp ] && dirs+=(../shared/corpus/webp)
   local rc=0
   build/fuzz/fuzz/loader_fuzzer -max_total_time="${FUZZ_SECONDS:-60}" -rss_limit_mb=2048 \
     -timeout=10 -print_final_stats=1 -artifact_prefix="$work/artifacts/" "${dirs[@]}" \
