@@ -55,7 +55,7 @@ constexpr LoaderInfo kLoaders[] = {
     {37, registerLoadTongYuanDY, "TongYuan", "DY", "", Card, false, Band},
     {38, registerLoadPignoneARM, "Pignone", "ARM", "", Card, false, Band},
     {39, registerLoadUWF, "", "UWF", "", Card, false, Band},
-    {40, registerLoadDrape, "", "drape project", "drape drp", Project, false, Band},
+    {40, registerLoadDrape, "", "drape project", "drape drp", Project, true, SingleBand},
     {41, registerLoadFabric, "", "fabric", "", Project, false, Band},
     {42, registerLoadUPT, "", "UPT", "", Card, false, Band},
     {43, registerLoadStaubliZC5, "Staubli", "ZC5", "zc5", Card, false, Band},

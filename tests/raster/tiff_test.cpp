@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <tiffio.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <string>
@@ -268,7 +269,7 @@ TEST(TiffRefusals, StatusesAndNothingLeftOpen) {
   }
 }
 
-TEST(TiffRefusals, DamagedStripsFailDeliveryAndStayFailed) {
+TEST(TiffRefusals, DamagedDataGivesStatusesNotMessages) {
   TiffSpec s;
   s.compression = COMPRESSION_LZW;
   Bytes bytes = vtest::tiffFile(s);
@@ -294,8 +295,8 @@ TEST(TiffDelivery, ThreadsKeepTheirOwnLoadsAndHandlers) {
   Bytes damaged = good;
   for (size_t i = 8; i < 60; ++i) damaged[i] = 0xFF;
   const TempFile fg(good, ".tif"), fd(damaged, ".tif");
-  const Kind rgb = kinds()[9];
-  ASSERT_STREQ(rgb.name, "RGB");
+  const std::vector<Kind> all = kinds();
+  const Kind& rgb = *std::find_if(all.begin(), all.end(), [](const Kind& k) { return std::string(k.name) == "RGB"; });
   const Bytes want = expectedRows(rgb, s);
   std::thread damagedThread([&] {
     for (int i = 0; i < 30; ++i) EXPECT_EQ(vtest::load(fd.path(), kTiff, 1).status, VLOAD_BAD_DATA);
