@@ -10,8 +10,10 @@
 // loadBand.
 // Delivery: band addressing; layout 2, or 7 when the picture has alpha or the
 // first frame of an animation leaves part of the canvas transparent.
-// tryLoad reads only headers (and an animation's file); the decoder and its
-// picture are set up by the first loadBand.
+// tryLoad reads only headers (and an animation's file); the decoder is set up
+// by the first loadBand, decoding straight into the host's buffer when that
+// call asks for the whole picture, else into a picture of its own from which
+// bands are copied.
 #include <webp/decode.h>
 #include <webp/demux.h>
 
@@ -166,17 +168,24 @@ Status describe(const char* fileName, Picture& out, uint8_t*, bool) {
 
 // ---- Rows
 
-// Sets up the decoder, writing into a frame buffer of our own.
-Status startDecoder(WebpState& st) {
+// Sets up the decoder to write into `pixels`, rows `stride` bytes apart.
+Status startDecoder(WebpState& st, uint8_t* pixels, size_t stride) {
+  st.piece = allocBlock(kPieceBytes);
+  if (!st.piece) return Status::NoMemory;
+  const size_t bytes = stride * (st.frameHeight - 1) + size_t{st.frameWidth} * st.pixelBytes;
+  st.decoder.reset(WebPINewRGB(st.pixelBytes == 4 ? MODE_RGBA : MODE_RGB, pixels, bytes, int(stride)));
+  return st.decoder ? Status::Ok : Status::NoMemory;
+}
+
+// Decoding into a picture of our own, from which bands are copied: the
+// decoder writes each row at its place in the whole frame.
+Status startFrameDecoder(WebpState& st) {
   const size_t stride = size_t{st.frameWidth} * st.pixelBytes;
   size_t bytes = 0;
   if (!mulOk(stride, size_t{st.frameHeight}, bytes)) return Status::NoMemory;
   st.pixels = allocBlock(bytes);
-  st.piece = allocBlock(kPieceBytes);
-  if (!st.pixels || !st.piece) return Status::NoMemory;
-  st.decoder.reset(WebPINewRGB(st.pixelBytes == 4 ? MODE_RGBA : MODE_RGB, st.pixels.get(), bytes,
-                               int(stride)));
-  return st.decoder ? Status::Ok : Status::NoMemory;
+  if (!st.pixels) return Status::NoMemory;
+  return startDecoder(st, st.pixels.get(), stride);
 }
 
 // Hands the decoder the next piece of the picture's bytes.
@@ -218,8 +227,15 @@ void composeRow(const WebpState& st, uint32_t row, uint8_t* dst) {
 }
 
 Status deliverRows(WebpState& st, const Band& band) {
+  // A host that asks for the whole picture at once has it decoded straight
+  // into its buffer: no picture of our own to fill and copy.
+  const bool whole = uint32_t(band.rowCount) == st.height && st.frameWidth == st.width && st.frameHeight == st.height;
+  if (!st.decoder && whole) {
+    if (const Status s = startDecoder(st, band.buffer, size_t(band.rowStride)); s != Status::Ok) return s;
+    return decodeRows(st, int(st.height));
+  }
   if (!st.decoder)
-    if (const Status s = startDecoder(st); s != Status::Ok) return s;
+    if (const Status s = startFrameDecoder(st); s != Status::Ok) return s;
   const uint32_t end = st.delivered + uint32_t(band.rowCount);
   const uint32_t frameRows = std::clamp(end, st.frameY, st.frameY + st.frameHeight) - st.frameY;
   if (const Status s = decodeRows(st, int(frameRows)); s != Status::Ok) return s;
