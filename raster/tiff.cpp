@@ -5,9 +5,10 @@
 // and palette pictures of 2, 4 and 8 bits (layout 1: grey through a grey map,
 // palette through the file's map cut to 8 bits), RGB (2), RGB or grey with
 // associated or unassociated alpha (7, straight alpha), CMYK (2, converted);
-// 16-bit samples are cut to their high byte. YCbCr, CIE L*a*b*, planes stored
-// separately and the other kinds libtiff's RGBA interface knows go through
-// that interface (2, or 7 with alpha).
+// 16-bit samples are cut to their high byte; samples stored in separate
+// planes are interleaved here. YCbCr, CIE L*a*b* and the other kinds
+// libtiff's RGBA interface knows go through that interface (2, or 7 with
+// alpha).
 // Refuses: files without a TIFF signature or whose directory libtiff cannot
 // read (6); sides outside 1..262140 (7); floating-point and signed samples,
 // 16-bit palettes, tiles narrower than a byte boundary, buffers above 256 MiB
