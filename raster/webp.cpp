@@ -124,7 +124,8 @@ Status findFirstFrame(WebpState& st, Picture& out) {
   const bool covers = st.frameWidth == st.width && st.frameHeight == st.height;
   st.pixelBytes = frame.has_alpha || !covers ? 4 : 3;
   WebPDemuxReleaseIterator(&frame);
-  // The demuxer checked that the frame lies within the canvas.
+  // The demuxer keeps frames within the canvas; checked again all the same,
+  // as composing rows relies on it.
   if (st.frameX + st.frameWidth > st.width || st.frameY + st.frameHeight > st.height)
     return Status::BadRequest;
   out.setInfo("animation of %u frames, the first shown", frames);
