@@ -42,9 +42,9 @@ namespace {
 // ---- Limits and constants
 
 constexpr uint32_t kMaxDimension = 262140;
-// The largest buffer this loader takes for one file (a row of tiles, a band
-// of the RGBA interface) and the largest single allocation libtiff may make
-// for it. Headers that need more are refused rather than trusted.
+// The largest buffer this loader takes for one file (a row, a row of tiles,
+// a band of the RGBA interface) and the largest single allocation libtiff may
+// make for it. Headers that need more are refused rather than trusted.
 constexpr uint64_t kMaxBufferBytes = uint64_t{256} << 20;
 constexpr size_t kMessageBytes = 256;
 constexpr uint32_t kRgbaChunkRows = 64;  // RGBA interface bands when strips are too big to take whole
@@ -406,6 +406,8 @@ Status describe(const char* fileName, Picture& out, uint8_t* colorMap, bool read
   st.planeRowBytes = TIFFScanlineSize64(tif);
   st.scanline = st.plan.separate ? uint64_t{st.width} * st.plan.samples * (st.plan.bits / 8) : st.planeRowBytes;
   if (st.planeRowBytes == 0) return Status::NotThisFormat;
+  // Up to 65535 samples a pixel make rows of gigabytes within the side limit.
+  if (st.scanline > kMaxBufferBytes) return Status::Unsupported;
 
   out.width = st.width;
   out.height = st.height;
