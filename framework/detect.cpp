@@ -83,6 +83,11 @@ bool pcxHeader(std::span<const uint8_t> h) {
   return h[3] == 1 || h[3] == 2 || h[3] == 4 || h[3] == 8;
 }
 
+// "RIFF", a size, then the form type of a WebP file.
+bool webpForm(std::span<const uint8_t> h) {
+  return h.size() >= 12 && std::memcmp(h.data() + 8, "WEBP", 4) == 0;
+}
+
 using namespace std::string_view_literals;
 
 constexpr Signature kSignatures[] = {
@@ -109,6 +114,11 @@ constexpr Signature kSignatures[] = {
     {45, "<?xml version="sv, nullptr},
     {69, "8BCB"sv, nullptr},
     {76, "8BPS"sv, nullptr},
+    {6, "RIFF"sv, webpForm},
+    {5, "II*\0"sv, nullptr},
+    {5, "MM\0*"sv, nullptr},
+    {5, "II+\0"sv, nullptr},  // BigTIFF
+    {5, "MM\0+"sv, nullptr},
     {24, "BM"sv, bmpHeaderSize},
     {4, "\xFF\xD8\xFF"sv, nullptr},
     {9, "0010"sv, nullptr},

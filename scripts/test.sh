@@ -66,7 +66,7 @@ run_fuzz() {
   build/fuzz/fuzz/make_seeds "$work/seeds" "$work/exif-seeds" >/dev/null
   local dirs=("$work/corpus" "$work/seeds")
   [ -d fuzz/regressions ] && dirs+=(fuzz/regressions)
-  for d in bmp wif gif pcx pnm psd palette png jpeg; do
+  for d in bmp wif gif pcx pnm psd palette png jpeg tiff webp; do
     [ -d "../shared/corpus/$d" ] && dirs+=("../shared/corpus/$d")
   done
   local exif_dirs=("$work/exif-corpus" "$work/exif-seeds")

@@ -85,6 +85,26 @@ def jpeg_filter(data, ref):
     return None
 
 
+def tiff_filter(data, ref):
+    """Bilevel pictures come as dark and light; rows come in stored order
+    (Pillow turns pages it decodes through libtiff); Pillow clips 16-bit grey
+    where the loader scales it, and keeps L*a*b* as it is; separate planes with
+    alpha go through libtiff's premultiplied RGBA interface."""
+    photometric, bits = ref.tag_v2.get(262), ref.tag_v2.get(258, (1,))
+    if ref.tag_v2.get(274, 1) != 1:
+        return "orientation"
+    if ref.tag_v2.get(284, 1) == 2 and ref.tag_v2.get(338):
+        return "separate planes with alpha"
+    if photometric == 3 and bits[0] == 1 and ref.getpalette()[:6] not in (
+            [0, 0, 0, 255, 255, 255], [255, 255, 255, 0, 0, 0]):
+        return "1 bit in colours"
+    if ref.mode.startswith("I") or ref.mode == "F":
+        return "16-bit grey"
+    if ref.mode == "LAB":
+        return "L*a*b*"
+    return None
+
+
 # FORMAT: (loader number, filter). A filter returns None to compare, or why not.
 FORMATS = {
     "bmp": (24, bmp_filter),
@@ -93,6 +113,8 @@ FORMATS = {
     "pcx": (3, pcx_filter),
     "png": (2, png_filter),
     "jpeg": (4, jpeg_filter),
+    "tiff": (5, tiff_filter),
+    "webp": (6, lambda data, ref: None),
 }
 
 

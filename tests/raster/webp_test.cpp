@@ -1,0 +1,114 @@
+// WebP loader: lossless pixels exact, lossy pixels as libwebp decodes them in
+// one call, the first frame of an animation on its canvas, and the statuses
+// for data the decoder refuses or that ends early.
+#include <gtest/gtest.h>
+#include <webp/decode.h>
+
+#include <string>
+
+#include "tests/support/harness.h"
+#include "tests/support/temp_file.h"
+#include "tests/support/webp_writer.h"
+#include "vload.h"
+
+namespace {
+
+using vtest::Bytes;
+using vtest::TempFile;
+using vtest::WebpSpec;
+
+constexpr int32_t kWebp = 6;
+
+Bytes expectedRows(const WebpSpec& s) {
+  Bytes rows;
+  for (uint32_t y = 0; y < s.height; ++y)
+    for (uint32_t x = 0; x < s.width; ++x)
+      for (int c = 0; c < (s.alpha ? 4 : 3); ++c) rows.push_back(s.pixel(x, y, c));
+  return rows;
+}
+
+// What libwebp gives for the whole file in one call.
+Bytes decodedAtOnce(const Bytes& file, bool alpha) {
+  int w = 0, h = 0;
+  uint8_t* p = alpha ? WebPDecodeRGBA(file.data(), file.size(), &w, &h) : WebPDecodeRGB(file.data(), file.size(), &w, &h);
+  Bytes out(p, p + size_t(w) * size_t(h) * (alpha ? 4 : 3));
+  WebPFree(p);
+  return out;
+}
+
+TEST(WebpPixels, LosslessAndLossyInEveryBandSize) {
+  for (const bool alpha : {false, true})
+    for (const bool lossless : {true, false}) {
+      WebpSpec s;
+      s.alpha = alpha;
+      s.lossless = lossless;
+      s.width = 61;
+      s.height = 45;
+      const Bytes file = vtest::webpFile(s);
+      const Bytes want = lossless ? expectedRows(s) : decodedAtOnce(file, alpha);
+      const TempFile f(file, ".webp");
+      for (uint32_t band : {0u, 1u, 16u}) {
+        SCOPED_TRACE(std::string(lossless ? "lossless" : "lossy") + (alpha ? " with alpha" : "") + ", band " +
+                     std::to_string(band));
+        const vtest::Loaded l = vtest::load(f.path(), 0, band);
+        ASSERT_EQ(l.status, VLOAD_OK);
+        EXPECT_EQ(l.description.loader, uint32_t(kWebp));
+        EXPECT_EQ(l.description.layout, alpha ? VLOAD_LAYOUT_RGBA : VLOAD_LAYOUT_RGB);
+        EXPECT_STREQ(l.description.info, lossless ? (alpha ? "lossless, alpha" : "lossless") : (alpha ? "lossy, alpha" : "lossy"));
+        EXPECT_EQ(l.rows, want);
+      }
+    }
+}
+
+TEST(WebpPixels, AnimationShowsItsFirstFrameOnTheCanvas) {
+  WebpSpec frame;
+  frame.width = 8;
+  frame.height = 6;
+  const Bytes frameFile = vtest::webpFile(frame);
+  const TempFile f(vtest::webpAnimation(20, 11, frameFile, 8, 6, 4, 2), ".webp");
+  const vtest::Loaded l = vtest::load(f.path(), 0, 3);
+  ASSERT_EQ(l.status, VLOAD_OK);
+  EXPECT_EQ(l.description.layout, VLOAD_LAYOUT_RGBA);
+  EXPECT_EQ(l.description.width, 20u);
+  EXPECT_EQ(l.description.height, 11u);
+  EXPECT_STREQ(l.description.info, "animation of 2 frames, the first shown");
+  for (uint32_t y = 0; y < 11; ++y)
+    for (uint32_t x = 0; x < 20; ++x) {
+      const bool inside = x >= 4 && x < 12 && y >= 2 && y < 8;
+      for (int c = 0; c < 4; ++c) {
+        const uint8_t want = !inside ? 0 : c == 3 ? 255 : frame.pixel(x - 4, y - 2, c);
+        ASSERT_EQ(l.rows[(y * 20 + x) * 4 + c], want) << x << "," << y << " channel " << c;
+      }
+    }
+}
+
+TEST(WebpRefusals, Statuses) {
+  WebpSpec s;
+  s.width = 200;
+  s.height = 150;
+  const Bytes lossless = vtest::webpFile(s);
+  s.lossless = false;
+  const Bytes lossy = vtest::webpFile(s);
+  Bytes garbled = lossless;
+  for (size_t i = 25; i < garbled.size(); ++i) garbled[i] = uint8_t(i * 77);
+  struct Case { const char* name; Bytes bytes; uint32_t tryLoad, loadBand; };
+  const Case cases[] = {
+      {"no WEBP form", vtest::patched8(lossless, 8, 'X'), VLOAD_NOT_THIS_FORMAT, 0},
+      {"headers cut short", vtest::truncated(lossless, 20), VLOAD_CANNOT_OPEN, 0},
+      {"unknown chunk where the picture should be", vtest::patched8(lossless, 12, 'X'), VLOAD_BAD_REQUEST, 0},
+      {"garbled lossless data", garbled, VLOAD_OK, VLOAD_BAD_REQUEST},
+      {"lossless data cut short", vtest::truncated(lossless, lossless.size() / 2), VLOAD_OK, VLOAD_BAD_DATA},
+      {"lossy data cut short", vtest::truncated(lossy, lossy.size() / 2), VLOAD_OK, VLOAD_BAD_DATA},
+  };
+  const int fds = vtest::openFdCount();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const TempFile f(c.bytes, ".webp");
+    const vtest::Loaded l = vtest::load(f.path(), kWebp, 16);
+    EXPECT_EQ(l.delivering ? VLOAD_OK : l.status, c.tryLoad);
+    EXPECT_EQ(l.delivering ? l.status : 0, c.loadBand);
+    EXPECT_EQ(vtest::openFdCount(), fds);
+  }
+}
+
+}  // namespace
