@@ -29,14 +29,14 @@ uint8_t pattern(uint32_t x, uint32_t y, uint32_t c) { return uint8_t((x * 7 + y 
 vtest::Bytes startImage(int32_t loader) {
   if (loader == 4) return vtest::jpegFile(kWidth, kHeight);
   if (loader == 6) {
-    vtest::WebpSpec s;
+    vtest::WebpPicture s;
     s.width = kWidth;
     s.height = kHeight;
     s.lossless = false;
     s.pixel = [](uint32_t x, uint32_t y, int c) { return pattern(x, y, uint32_t(c)); };
     return vtest::webpFile(s);
   }
-  vtest::TiffSpec s;
+  vtest::TiffPicture s;
   s.width = kWidth;
   s.height = kHeight;
   s.rowsPerStrip = 8;

@@ -20,7 +20,7 @@ const vtest::TempFile& tiffFile(uint16_t compression) {
   static std::map<uint16_t, vtest::TempFile*> files;
   vtest::TempFile*& f = files[compression];
   if (!f) {
-    vtest::TiffSpec s;
+    vtest::TiffPicture s;
     s.width = kWidth;
     s.height = kHeight;
     s.rowsPerStrip = 8;

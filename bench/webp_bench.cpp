@@ -25,7 +25,7 @@ const vtest::TempFile& webpFile(bool lossless) {
   static std::map<bool, vtest::TempFile*> files;
   vtest::TempFile*& f = files[lossless];
   if (!f) {
-    vtest::WebpSpec s;
+    vtest::WebpPicture s;
     s.width = kWidth;
     s.height = kHeight;
     s.lossless = lossless;

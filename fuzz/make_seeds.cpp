@@ -2,10 +2,12 @@
 // when EXIF_DIR is given, of the EXIF fuzzer, from the test writers
 // (fuzz/seeds/*.cpp).
 //   make_seeds DIR [EXIF_DIR]
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "fuzz/extensions.h"
 #include "fuzz/seeds/seeds.h"
 #include "tests/support/temp_file.h"
 
@@ -39,11 +41,17 @@ int main(int argc, char** argv) {
     return 2;
   }
   int n = 0;
-  const vseed::Emit emit = [&](const vtest::Bytes& file, uint8_t choice) {
+  const auto& extensions = vfuzz::extensions();
+  const vseed::Emit emit = [&](const vtest::Bytes& file, int32_t loader) {
+    // The choice byte: the loader's first extension for detection, its number
+    // less one by number (see loader_fuzzer.cpp).
+    const auto ext = std::find(extensions.begin(), extensions.end(), vfuzz::extensionOf(loader));
+    const uint8_t byName = ext == extensions.end() ? 0 : uint8_t(ext - extensions.begin());
+    const uint8_t byNumber = uint8_t(loader - 1);
     // Option bytes: detection with the whole picture; by number in 3-row bands; by number in 2.
     for (uint8_t options : {0x09, 0x83, 0x8A}) {
       vtest::Bytes b = file;
-      b.push_back(choice);
+      b.push_back(options == 0x09 ? byName : byNumber);
       b.push_back(options);
       vtest::writeFile(std::string(argv[1]) + "/seed-" + std::to_string(n++), b);
     }

@@ -1,8 +1,6 @@
 // Seeds for the drape loader: regions, a texture and a start image of each
 // nested format this build reads; named ".drape", which the loader requires.
-#include <algorithm>
 
-#include "fuzz/extensions.h"
 #include "fuzz/seeds/seeds.h"
 #include "tests/support/drape_writer.h"
 #include "tests/support/tiff_writer.h"
@@ -11,17 +9,15 @@
 namespace {
 
 void drape(const vseed::Emit& emit) {
-  const auto& all = vfuzz::extensions();
-  const uint8_t choice = uint8_t(std::find(all.begin(), all.end(), ".drape") - all.begin());
-  vtest::TiffSpec tiff;
+  vtest::TiffPicture tiff;
   tiff.width = 11;
   tiff.height = 7;
-  vtest::WebpSpec webp;
+  vtest::WebpPicture webp;
   webp.width = 9;
   webp.height = 5;
   for (const vtest::Bytes& image : {vtest::tiffFile(tiff), vtest::webpFile(webp), vtest::gifFile(6, 4),
                                     vtest::pngFile(6, 4), vtest::jpegFile(6, 4)})
-    emit(vtest::DrapeBuilder{}.region(2, 1, 1).texture(3).startImage(image).build(), choice);
+    emit(vtest::DrapeBuilder{}.region(2, 1, 1).texture(3).startImage(image).build(), 40);
 }
 
 const bool added = vseed::add(drape);

@@ -5,13 +5,13 @@
 namespace {
 
 void webp(const vseed::Emit& emit) {
-  vtest::WebpSpec s;
+  vtest::WebpPicture s;
   s.alpha = true;
   const vtest::Bytes lossless = vtest::webpFile(s);
-  emit(lossless, 0);
+  emit(lossless, 6);
   s.lossless = false;
-  emit(vtest::webpFile(s), 0);
-  emit(vtest::webpAnimation(40, 30, lossless, s.width, s.height, 6, 8), 0);
+  emit(vtest::webpFile(s), 6);
+  emit(vtest::webpAnimation(40, 30, lossless, s.width, s.height, 6, 8), 6);
 }
 
 const bool added = vseed::add(webp);

@@ -29,7 +29,7 @@ using vtest::TempFile;
 constexpr int32_t kDrape = 40;
 
 Bytes tiffImage(uint32_t seed = 0) {
-  vtest::TiffSpec s;
+  vtest::TiffPicture s;
   s.compression = COMPRESSION_LZW;
   s.orientation = ORIENTATION_TOPRIGHT;  // mirrorX from the TIFF loader, not from the project
   s.xResolution = s.yResolution = 150;
@@ -38,7 +38,7 @@ Bytes tiffImage(uint32_t seed = 0) {
 }
 
 Bytes paletteTiff() {
-  vtest::TiffSpec s;
+  vtest::TiffPicture s;
   s.photometric = PHOTOMETRIC_PALETTE;
   s.samples = 1;
   for (int c = 0; c < 3; ++c)
@@ -47,7 +47,7 @@ Bytes paletteTiff() {
 }
 
 Bytes webpImage() {
-  vtest::WebpSpec s;
+  vtest::WebpPicture s;
   s.alpha = true;
   return vtest::webpFile(s);
 }

@@ -19,7 +19,7 @@ namespace {
 
 using vtest::Bytes;
 using vtest::TempFile;
-using vtest::TiffSpec;
+using vtest::TiffPicture;
 
 constexpr int32_t kTiff = 5;
 
@@ -28,16 +28,16 @@ using Sample = std::function<uint32_t(uint32_t, uint32_t, uint32_t)>;
 
 struct Kind {
   const char* name;
-  TiffSpec spec;
+  TiffPicture pic;
   uint8_t layout;
   // The delivered pixel at (x, y): the bit for bilevel, the index for
-  // indexed, channels for the rest. `s` is the spec's sample function.
+  // indexed, channels for the rest. `s` is the picture's sample function.
   std::function<Pixel(const Sample& s, uint32_t x, uint32_t y)> want;
   int tolerance = 0;
 };
 
-TiffSpec spec(uint16_t photometric, uint16_t bits, uint16_t samples) {
-  TiffSpec s;
+TiffPicture pic(uint16_t photometric, uint16_t bits, uint16_t samples) {
+  TiffPicture s;
   s.photometric = photometric;
   s.bits = bits;
   s.samples = samples;
@@ -60,22 +60,22 @@ uint8_t hi(uint32_t v) { return uint8_t(v >> 8); }
 std::vector<Kind> kinds() {
   std::vector<Kind> k;
   const auto bit = [](uint32_t v) { return Pixel{uint8_t(v & 1)}; };
-  k.push_back({"bilevel, white is zero", spec(0, 1, 1), 0, [&](const Sample& s, uint32_t x, uint32_t y) { return bit(s(x, y, 0)); }});
-  k.push_back({"bilevel, black is zero", spec(1, 1, 1), 0, [&](const Sample& s, uint32_t x, uint32_t y) { return bit(~s(x, y, 0)); }});
-  TiffSpec darkFirst = spec(3, 1, 1);
+  k.push_back({"bilevel, white is zero", pic(0, 1, 1), 0, [&](const Sample& s, uint32_t x, uint32_t y) { return bit(s(x, y, 0)); }});
+  k.push_back({"bilevel, black is zero", pic(1, 1, 1), 0, [&](const Sample& s, uint32_t x, uint32_t y) { return bit(~s(x, y, 0)); }});
+  TiffPicture darkFirst = pic(3, 1, 1);
   darkFirst.colourMap = {0, 65535, 0, 65535, 0, 65535};
   k.push_back({"bilevel palette, dark first", darkFirst, 0, [&](const Sample& s, uint32_t x, uint32_t y) { return bit(~s(x, y, 0)); }});
-  TiffSpec lightFirst = spec(3, 1, 1);
+  TiffPicture lightFirst = pic(3, 1, 1);
   lightFirst.colourMap = {65535, 0, 65535, 0, 65535, 0};
   k.push_back({"bilevel palette, light first", lightFirst, 0, [&](const Sample& s, uint32_t x, uint32_t y) { return bit(s(x, y, 0)); }});
   const auto index = [](uint32_t mask) {
     return [mask](const Sample& s, uint32_t x, uint32_t y) { return Pixel{uint8_t(s(x, y, 0) & mask)}; };
   };
-  k.push_back({"grey 4 bits", spec(1, 4, 1), 1, index(15)});
-  k.push_back({"grey 8 bits, white is zero", spec(0, 8, 1), 1, index(255)});
-  k.push_back({"grey 16 bits", spec(1, 16, 1), 1, [](const Sample& s, uint32_t x, uint32_t y) { return Pixel{hi(s(x, y, 0))}; }});
+  k.push_back({"grey 4 bits", pic(1, 4, 1), 1, index(15)});
+  k.push_back({"grey 8 bits, white is zero", pic(0, 8, 1), 1, index(255)});
+  k.push_back({"grey 16 bits", pic(1, 16, 1), 1, [](const Sample& s, uint32_t x, uint32_t y) { return Pixel{hi(s(x, y, 0))}; }});
   for (uint16_t bits : {2, 8}) {
-    TiffSpec p = spec(3, bits, 1);
+    TiffPicture p = pic(3, bits, 1);
     p.colourMap = colourMap(1 << bits);
     k.push_back({bits == 2 ? "palette 2 bits" : "palette 8 bits", p, 1, index((1u << bits) - 1)});
   }
@@ -86,15 +86,15 @@ std::vector<Kind> kinds() {
       return p;
     };
   };
-  k.push_back({"RGB", spec(2, 8, 3), 2, channels(3, false)});
-  k.push_back({"RGB 16 bits", spec(2, 16, 3), 2, channels(3, true)});
-  TiffSpec rgba = spec(2, 8, 4);
+  k.push_back({"RGB", pic(2, 8, 3), 2, channels(3, false)});
+  k.push_back({"RGB 16 bits", pic(2, 16, 3), 2, channels(3, true)});
+  TiffPicture rgba = pic(2, 8, 4);
   rgba.extraSamples = {EXTRASAMPLE_UNASSALPHA};
   k.push_back({"RGBA", rgba, 7, channels(4, false)});
-  TiffSpec rgbaExtra = spec(2, 16, 5);
+  TiffPicture rgbaExtra = pic(2, 16, 5);
   rgbaExtra.extraSamples = {EXTRASAMPLE_UNASSALPHA, EXTRASAMPLE_UNSPECIFIED};
   k.push_back({"RGBA 16 bits and one more sample", rgbaExtra, 7, channels(4, true)});
-  TiffSpec premultiplied = spec(2, 8, 4);
+  TiffPicture premultiplied = pic(2, 8, 4);
   premultiplied.extraSamples = {EXTRASAMPLE_ASSOCALPHA};
   premultiplied.sample = [](uint32_t x, uint32_t y, uint32_t c) {
     const uint32_t a = (x * 37 + y * 11) % 256;
@@ -106,22 +106,22 @@ std::vector<Kind> kinds() {
                  for (int c = 0; c < 3 && a; ++c) p[c] = uint8_t(std::min<uint32_t>(255, s(x, y, c) * 255 / a));
                  return p;
                }});
-  TiffSpec greyAlpha = spec(1, 8, 2);
+  TiffPicture greyAlpha = pic(1, 8, 2);
   greyAlpha.extraSamples = {EXTRASAMPLE_UNASSALPHA};
   k.push_back({"grey and alpha", greyAlpha, 7, [](const Sample& s, uint32_t x, uint32_t y) {
                  const uint8_t g = uint8_t(s(x, y, 0));
                  return Pixel{g, g, g, uint8_t(s(x, y, 1))};
                }});
-  k.push_back({"CMYK", spec(5, 8, 4), 2, [](const Sample& s, uint32_t x, uint32_t y) {
+  k.push_back({"CMYK", pic(5, 8, 4), 2, [](const Sample& s, uint32_t x, uint32_t y) {
                  const uint32_t nk = 255 - (s(x, y, 3) & 255);
                  Pixel p{};
                  for (int c = 0; c < 3; ++c) p[c] = uint8_t(nk - ((s(x, y, c) & 255) * nk + 127) / 255);
                  return p;
                }});
-  TiffSpec planes = spec(2, 8, 3);
+  TiffPicture planes = pic(2, 8, 3);
   planes.separatePlanes = true;
   k.push_back({"RGB in separate planes", planes, 2, channels(3, false)});
-  TiffSpec ycbcr = spec(6, 8, 3);
+  TiffPicture ycbcr = pic(6, 8, 3);
   ycbcr.compression = COMPRESSION_JPEG;
   ycbcr.rowsPerStrip = 16;
   ycbcr.sample = [](uint32_t x, uint32_t y, uint32_t c) { return x * 2 + y * 3 + c * 40; };  // smooth
@@ -129,7 +129,7 @@ std::vector<Kind> kinds() {
   return k;
 }
 
-Bytes expectedRows(const Kind& k, const TiffSpec& s) {
+Bytes expectedRows(const Kind& k, const TiffPicture& s) {
   Bytes rows;
   for (uint32_t y = 0; y < s.height; ++y) {
     if (k.layout == VLOAD_LAYOUT_BILEVEL) {
@@ -162,7 +162,7 @@ TEST(TiffPixels, EveryKindInStripsAndTilesBothByteOrders) {
     for (const bool tiles : {false, true})
       for (const bool bigEndian : {false, true})
         for (const uint16_t compression : {COMPRESSION_NONE, COMPRESSION_LZW}) {
-          TiffSpec s = k.spec;
+          TiffPicture s = k.pic;
           s.tileSide = tiles ? 16 : 0;
           s.bigEndian = bigEndian;
           if (s.compression == COMPRESSION_NONE) s.compression = compression;
@@ -182,7 +182,7 @@ TEST(TiffPixels, EveryKindInStripsAndTilesBothByteOrders) {
 }
 
 TEST(TiffPixels, ColourMaps) {
-  TiffSpec palette = spec(3, 8, 1);
+  TiffPicture palette = pic(3, 8, 1);
   palette.colourMap = colourMap(256);
   const TempFile p(vtest::tiffFile(palette), ".tif");
   vtest::Loaded l = vtest::load(p.path(), kTiff);
@@ -192,13 +192,13 @@ TEST(TiffPixels, ColourMaps) {
     EXPECT_EQ(l.description.colourMap[3 * i + 2], 3 * i % 256);
   }
   // Maps written with 8-bit values by old writers are taken as they are.
-  TiffSpec old = spec(3, 2, 1);
+  TiffPicture old = pic(3, 2, 1);
   old.colourMap = {0, 10, 20, 255, 1, 11, 21, 254, 2, 12, 22, 253};
   const TempFile o(vtest::tiffFile(old), ".tif");
   l = vtest::load(o.path(), kTiff);
   EXPECT_EQ(l.description.colourMap[3 * 3], 255);
   EXPECT_EQ(l.description.colourMap[3 * 3 + 2], 253);
-  const TempFile g(vtest::tiffFile(spec(0, 4, 1)), ".tif");  // grey, white is zero
+  const TempFile g(vtest::tiffFile(pic(0, 4, 1)), ".tif");  // grey, white is zero
   l = vtest::load(g.path(), kTiff);
   EXPECT_EQ(l.description.colourMap[0], 255);
   EXPECT_EQ(l.description.colourMap[3 * 15], 0);
@@ -219,7 +219,7 @@ TEST(TiffDescription, DensitiesMirrorAndInformation) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    TiffSpec s;
+    TiffPicture s;
     s.xResolution = c.xRes;
     s.yResolution = c.yRes;
     s.resolutionUnit = c.unit;
@@ -240,13 +240,13 @@ TEST(TiffDescription, DensitiesMirrorAndInformation) {
 // ---- Refusals
 
 TEST(TiffRefusals, StatusesAndNothingLeftOpen) {
-  const Bytes good = vtest::tiffFile(TiffSpec{});
-  TiffSpec floats = spec(1, 32, 1);
+  const Bytes good = vtest::tiffFile(TiffPicture{});
+  TiffPicture floats = pic(1, 32, 1);
   floats.sampleFormat = SAMPLEFORMAT_IEEEFP;
-  TiffSpec palette16 = spec(3, 16, 1);
+  TiffPicture palette16 = pic(3, 16, 1);
   palette16.width = palette16.height = 2;
   palette16.colourMap = colourMap(65536);
-  TiffSpec wide = spec(0, 1, 1);
+  TiffPicture wide = pic(0, 1, 1);
   wide.width = 262141;
   wide.height = 1;
   wide.rowsPerStrip = 1;
@@ -270,7 +270,7 @@ TEST(TiffRefusals, StatusesAndNothingLeftOpen) {
 }
 
 TEST(TiffRefusals, DamagedDataGivesStatusesNotMessages) {
-  TiffSpec s;
+  TiffPicture s;
   s.compression = COMPRESSION_LZW;
   Bytes bytes = vtest::tiffFile(s);
   for (size_t i = 8; i < 60; ++i) bytes[i] = 0xFF;  // the first strip follows the 8-byte header
@@ -289,7 +289,7 @@ TEST(TiffRefusals, DamagedDataGivesStatusesNotMessages) {
 }
 
 TEST(TiffDelivery, ThreadsKeepTheirOwnLoadsAndHandlers) {
-  TiffSpec s;
+  TiffPicture s;
   s.compression = COMPRESSION_LZW;
   const Bytes good = vtest::tiffFile(s);
   Bytes damaged = good;

@@ -15,11 +15,11 @@ namespace {
 
 using vtest::Bytes;
 using vtest::TempFile;
-using vtest::WebpSpec;
+using vtest::WebpPicture;
 
 constexpr int32_t kWebp = 6;
 
-Bytes expectedRows(const WebpSpec& s) {
+Bytes expectedRows(const WebpPicture& s) {
   Bytes rows;
   for (uint32_t y = 0; y < s.height; ++y)
     for (uint32_t x = 0; x < s.width; ++x)
@@ -39,7 +39,7 @@ Bytes decodedAtOnce(const Bytes& file, bool alpha) {
 TEST(WebpPixels, LosslessAndLossyInEveryBandSize) {
   for (const bool alpha : {false, true})
     for (const bool lossless : {true, false}) {
-      WebpSpec s;
+      WebpPicture s;
       s.alpha = alpha;
       s.lossless = lossless;
       s.width = 61;
@@ -61,7 +61,7 @@ TEST(WebpPixels, LosslessAndLossyInEveryBandSize) {
 }
 
 TEST(WebpPixels, AnimationShowsItsFirstFrameOnTheCanvas) {
-  WebpSpec frame;
+  WebpPicture frame;
   frame.width = 8;
   frame.height = 6;
   const Bytes frameFile = vtest::webpFile(frame);
@@ -83,7 +83,7 @@ TEST(WebpPixels, AnimationShowsItsFirstFrameOnTheCanvas) {
 }
 
 TEST(WebpRefusals, Statuses) {
-  WebpSpec s;
+  WebpPicture s;
   s.width = 200;
   s.height = 150;
   const Bytes lossless = vtest::webpFile(s);

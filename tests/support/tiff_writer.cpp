@@ -43,7 +43,7 @@ class BitPacker {
 // Rows [y0, y0 + rows) of columns [x0, x0 + columns); all samples, or the
 // one plane given. Pixels outside the picture repeat its edge, as encoders
 // pad (JPEG rings at an edge to zero).
-Bytes pack(const TiffSpec& s, uint32_t x0, uint32_t columns, uint32_t y0, uint32_t rows, int plane) {
+Bytes pack(const TiffPicture& s, uint32_t x0, uint32_t columns, uint32_t y0, uint32_t rows, int plane) {
   BitPacker p(s.bits);
   const uint32_t mask = s.bits == 32 ? UINT32_MAX : (1u << s.bits) - 1;
   for (uint32_t y = y0; y < y0 + rows; ++y) {
@@ -60,7 +60,7 @@ void check(bool ok, const char* what) {
   if (!ok) throw std::runtime_error(std::string("tiffFile: ") + what);
 }
 
-void writePage(TIFF* tif, const TiffSpec& s) {
+void writePage(TIFF* tif, const TiffPicture& s) {
   TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, s.width);
   TIFFSetField(tif, TIFFTAG_IMAGELENGTH, s.height);
   TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, s.bits);
@@ -110,11 +110,11 @@ void writePage(TIFF* tif, const TiffSpec& s) {
 
 }  // namespace
 
-Bytes tiffFile(const TiffSpec& spec) {
+Bytes tiffFile(const TiffPicture& pic) {
   const TempFile file(Bytes{}, ".tif");
-  TIFF* tif = TIFFOpen(file.path(), spec.bigEndian ? "wb" : "wl");
+  TIFF* tif = TIFFOpen(file.path(), pic.bigEndian ? "wb" : "wl");
   check(tif != nullptr, "open");
-  for (int page = 0; page < spec.pages; ++page) writePage(tif, spec);
+  for (int page = 0; page < pic.pages; ++page) writePage(tif, pic);
   TIFFClose(tif);
   return readFile(file.path());
 }

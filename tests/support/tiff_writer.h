@@ -12,7 +12,7 @@
 
 namespace vtest {
 
-struct TiffSpec {
+struct TiffPicture {
   uint32_t width = 37, height = 21;
   uint16_t photometric = 2;  // PHOTOMETRIC_RGB
   uint16_t bits = 8, samples = 3;
@@ -34,6 +34,6 @@ struct TiffSpec {
   };
 };
 
-Bytes tiffFile(const TiffSpec& spec);
+Bytes tiffFile(const TiffPicture& pic);
 
 }  // namespace vtest

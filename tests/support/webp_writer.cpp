@@ -38,26 +38,26 @@ Bytes pictureChunks(const Bytes& file) {
 
 }  // namespace
 
-Bytes webpFile(const WebpSpec& spec) {
-  const int channels = spec.alpha ? 4 : 3;
+Bytes webpFile(const WebpPicture& pic) {
+  const int channels = pic.alpha ? 4 : 3;
   Bytes rgb;
-  for (uint32_t y = 0; y < spec.height; ++y)
-    for (uint32_t x = 0; x < spec.width; ++x)
-      for (int c = 0; c < channels; ++c) rgb.push_back(spec.pixel(x, y, c));
+  for (uint32_t y = 0; y < pic.height; ++y)
+    for (uint32_t x = 0; x < pic.width; ++x)
+      for (int c = 0; c < channels; ++c) rgb.push_back(pic.pixel(x, y, c));
   WebPConfig config;
   WebPPicture picture;
   if (!WebPConfigInit(&config) || !WebPPictureInit(&picture)) throw std::runtime_error("webp init");
-  config.lossless = spec.lossless;
+  config.lossless = pic.lossless;
   config.exact = 1;
-  picture.use_argb = spec.lossless;
-  picture.width = int(spec.width);
-  picture.height = int(spec.height);
+  picture.use_argb = pic.lossless;
+  picture.width = int(pic.width);
+  picture.height = int(pic.height);
   WebPMemoryWriter writer;
   WebPMemoryWriterInit(&writer);
   picture.writer = WebPMemoryWrite;
   picture.custom_ptr = &writer;
-  const int stride = int(spec.width) * channels;
-  const bool ok = (spec.alpha ? WebPPictureImportRGBA(&picture, rgb.data(), stride)
+  const int stride = int(pic.width) * channels;
+  const bool ok = (pic.alpha ? WebPPictureImportRGBA(&picture, rgb.data(), stride)
                               : WebPPictureImportRGB(&picture, rgb.data(), stride)) &&
                   WebPEncode(&config, &picture);
   Bytes out(writer.mem, writer.mem + writer.size);

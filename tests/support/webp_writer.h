@@ -9,7 +9,7 @@
 
 namespace vtest {
 
-struct WebpSpec {
+struct WebpPicture {
   uint32_t width = 29, height = 17;
   bool alpha = false;
   bool lossless = true;  // lossless keeps every value, also under transparent pixels
@@ -19,7 +19,7 @@ struct WebpSpec {
   };
 };
 
-Bytes webpFile(const WebpSpec& spec);
+Bytes webpFile(const WebpPicture& pic);
 
 // An animation on a canvas of the given size whose first frame is the
 // picture of `frame` (a file webpFile wrote) at (x, y), both even, followed
