@@ -87,8 +87,4 @@ class BigEndianReader {
   bool truncated_ = false;
 };
 
-// UTF-16 big-endian to UTF-8, up to the first NUL; unpaired surrogates
-// become U+FFFD.
-std::string utf8FromUtf16(std::span<const uint8_t> utf16be);
-
 }  // namespace ldr

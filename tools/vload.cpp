@@ -28,6 +28,7 @@
 #include "framework/catalogue.h"
 #include "framework/file.h"
 #include "tools/drive.h"
+#include "tools/exif_fields.h"
 #include "tools/png_out.h"
 #include "tools/recolour.h"
 #include "vload.h"
@@ -175,103 +176,12 @@ std::string infoLines(const char* s) {
 
 // ---- EXIF
 
-// The last EXIF block among the markers before a JPEG file's first scan, with
-// its two length bytes in front as process_EXIF takes it; empty when none.
-std::vector<uint8_t> exifBlock(const std::string& path) {
-  std::vector<uint8_t> found;
-  const ldr::File f = ldr::openForReading(path.c_str());
-  uint8_t head[2];
-  if (!f || !ldr::readExact(f.get(), head, 2) || head[0] != 0xFF || head[1] != 0xD8) return found;
-  for (;;) {
-    int marker = std::fgetc(f.get());
-    if (marker != 0xFF) return found;
-    while (marker == 0xFF) marker = std::fgetc(f.get());
-    if (marker == EOF || marker == 0xDA || marker == 0xD9) return found;  // scan, end
-    if (marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7)) continue;  // no length
-    if (!ldr::readExact(f.get(), head, 2)) return found;
-    const size_t length = size_t(head[0]) << 8 | head[1];
-    if (length < 2) return found;
-    std::vector<uint8_t> segment(length);
-    segment[0] = head[0];
-    segment[1] = head[1];
-    if (!ldr::readExact(f.get(), segment.data() + 2, length - 2)) return found;
-    if (marker == 0xE1 && length >= 7 && std::memcmp(segment.data() + 2, "Exif", 5) == 0)
-      found = std::move(segment);
-  }
-}
-
-// A wide-character comment (UTF-16, little-endian) as UTF-8.
-std::string wideComment(const ExifInfo& e) {
-  std::string out;
-  const int units = std::min<int>(e.commentWidecharCount, int(sizeof e.comments / 2));
-  for (int i = 0; i < units; ++i) {
-    const unsigned u = uint8_t(e.comments[2 * i]) | unsigned(uint8_t(e.comments[2 * i + 1])) << 8;
-    if (u == 0) break;
-    if (u < 0x80) {
-      out += char(u);
-    } else if (u < 0x800) {
-      out += char(0xC0 | u >> 6);
-      out += char(0x80 | (u & 0x3F));
-    } else {
-      out += char(0xE0 | u >> 12);
-      out += char(0x80 | (u >> 6 & 0x3F));
-      out += char(0x80 | (u & 0x3F));
-    }
-  }
-  return out;
-}
-
-struct ExifField {
-  const char* key;     // the record's field name, for JSON
-  std::string value;   // as text; quoted when `text`
-  bool text;
-};
-
-std::vector<ExifField> exifFields(const ExifInfo& e) {
-  const auto num = [](double v) {
-    char t[32];
-    std::snprintf(t, sizeof t, "%g", v);
-    return std::string(t);
-  };
-  const auto in = [](const char* s, size_t n) { return std::string(s, strnlen(s, n)); };
-  return {
-      {"cameraMake", in(e.cameraMake, sizeof e.cameraMake), true},
-      {"cameraModel", in(e.cameraModel, sizeof e.cameraModel), true},
-      {"dateTime", in(e.dateTime, sizeof e.dateTime), true},
-      {"orientation", num(e.orientation), false},
-      {"flash", num(e.flash), false},
-      {"focalLength", num(e.focalLength), false},
-      {"focalLength35mmEquiv", num(e.focalLength35mmEquiv), false},
-      {"exposureTime", num(e.exposureTime), false},
-      {"apertureFNumber", num(e.apertureFNumber), false},
-      {"distance", num(e.distance), false},
-      {"ccdWidth", num(e.ccdWidth), false},
-      {"exposureBias", num(e.exposureBias), false},
-      {"digitalZoomRatio", num(e.digitalZoomRatio), false},
-      {"whitebalance", num(e.whitebalance), false},
-      {"meteringMode", num(e.meteringMode), false},
-      {"exposureProgram", num(e.exposureProgram), false},
-      {"exposureMode", num(e.exposureMode), false},
-      {"isoEquivalent", num(e.isoEquivalent), false},
-      {"lightSource", num(e.lightSource), false},
-      {"distanceRange", num(e.distanceRange), false},
-      {"xResolution", num(e.xResolution), false},
-      {"yResolution", num(e.yResolution), false},
-      {"resolutionUnit", num(e.resolutionUnit), false},
-      {"comments", e.commentWidecharCount ? wideComment(e) : in(e.comments, sizeof e.comments), true},
-      {"thumbnailOffset", num(e.thumbnailOffset), false},
-      {"thumbnailSize", num(e.thumbnailSize), false},
-  };
-}
-
 // The EXIF fields of a file: a JSON object (or null), or lines under "exif:".
 std::string exifReport(const std::string& path, bool json) {
-  std::vector<uint8_t> block = exifBlock(path);
-  if (block.empty()) return json ? "null" : "       none\n";
-  const auto e = std::make_unique<ExifInfo>();
-  process_EXIF(block.data(), uint32_t(block.size()), e.get(), 0);
+  const std::optional<std::vector<ExifField>> fields = exifFieldsOf(path);
+  if (!fields) return json ? "null" : "       none\n";
   std::string out = json ? "{" : "\n";  // a JSON object, or the lines under "exif:"
-  for (const ExifField& f : exifFields(*e)) {
+  for (const ExifField& f : *fields) {
     const std::string value = f.text ? jsonString(f.value.c_str()) : f.value;
     if (json) {
       out += (out.size() > 1 ? ", \"" : "\"") + std::string(f.key) + "\": " + value;
