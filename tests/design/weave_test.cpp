@@ -196,9 +196,10 @@ Bytes spread(const Bytes& stored, uint32_t rowBytes, const std::vector<uint32_t>
 
 TEST(WeavePicture, RepeatTables) {
   struct Case { const char* name; uint32_t width; std::vector<uint32_t> table; bool wide; bool raw; };
+  // Entries that use every byte: rows far down the table, and (32-bit) rows past its end.
   std::vector<uint32_t> narrow(65520, 0), wide(65521, 0);
-  for (uint32_t p = 3; p < narrow.size(); p += 3) narrow[p] = p % 2 + 1;
-  for (uint32_t p = 3; p < wide.size(); p += 3) wide[p] = p - 1;
+  for (uint32_t p = 3; p < narrow.size(); p += 3) narrow[p] = p % 2 ? p - 1 : 1;
+  for (uint32_t p = 3; p < wide.size(); p += 3) wide[p] = p % 2 ? p - 1 : 0x10001;
   const std::vector<Case> cases = {
       {"copies, chains, forward references", 19, {0, 1, 0, 2, 5, 0, 0, 4}, false, false},
       {"a loop and a row past the table are empty", 19, {0, 3, 2, 0, 99, 5}, false, false},
