@@ -88,9 +88,6 @@ TEST(WifHeader, Description) {
   EXPECT_EQ(d.width, 21u);
   EXPECT_EQ(d.height, 5u);
   EXPECT_EQ(d.mirrorX, 1);
-  EXPECT_EQ(d.firstPart, 1);
-  EXPECT_EQ(d.xRepeat, 1u);
-  EXPECT_EQ(d.xDensity, 0u);
   EXPECT_STREQ(d.info, "\nshafts 6 treadles 9 treading 1 tieup 0");
   // Described only: there is nothing to deliver.
   Bytes rows(3 * 5);
