@@ -3,6 +3,7 @@
 // information text, broken files, line ends, detection and the protocol.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -98,35 +99,34 @@ void expectColours(const Bytes& file, const char* extension, const std::vector<E
 }
 
 TEST(PaletteColourSpaces, AcoSpaces) {
-  const std::vector<AcoColour> aco = {
-      {0, {0xFFFF, 0x8080, 0, 0}, u"RGB"},
-      {1, {0x5555, 0xFFFF, 0xFFFF, 0}, u"HSB green (120 degrees)"},
-      {1, {0xAAAA, 0x8000, 0xFFFF, 0}, u"HSB half-saturated blue"},
-      {2, {0, 0xFFFF, 0xFFFF, 0xFFFF}, u"CMYK cyan: 0 is full ink"},
-      {2, {0xFFFF, 0xFFFF, 0xFFFF, 0x8000}, u"CMYK half black"},
-      {7, {10000, 0, 0, 0}, u"Lab white"},
-      {7, {5429, 8081, 6989, 0}, u"Lab sRGB red"},
-      {8, {2500, 0, 0, 0}, u"grey: a quarter ink"},
-      {9, {0, 10000, 10000, 0}, u"wide CMYK red"},
+  struct Case { uint16_t space; std::array<uint16_t, 4> values; Expected want; };
+  const Case cases[] = {
+      {0, {0xFFFF, 0x8080, 0, 0}, {"RGB", {255, 128, 0}, 0}},
+      {1, {0x5555, 0xFFFF, 0xFFFF, 0}, {"HSB green (120 degrees)", {0, 255, 0}, 0}},
+      {1, {0xAAAA, 0x8000, 0xFFFF, 0}, {"HSB half-saturated blue", {128, 128, 255}, 1}},
+      {2, {0, 0xFFFF, 0xFFFF, 0xFFFF}, {"CMYK cyan: 0 is full ink", {0, 255, 255}, 0}},
+      {2, {0xFFFF, 0xFFFF, 0xFFFF, 0x8000}, {"CMYK half black", {128, 128, 128}, 1}},
+      {7, {10000, 0, 0, 0}, {"Lab white", {255, 255, 255}, 0}},
+      {7, {5429, 8081, 6989, 0}, {"Lab sRGB red", {255, 0, 0}, 2}},
+      {8, {2500, 0, 0, 0}, {"grey: a quarter ink", {191, 191, 191}, 1}},
+      {9, {0, 10000, 10000, 0}, {"wide CMYK red", {255, 0, 0}, 0}},
   };
-  expectColours(vtest::acoFile(aco), ".aco",
-                {{"RGB", {255, 128, 0}, 0},         {"HSB green", {0, 255, 0}, 0},
-                 {"HSB blue", {128, 128, 255}, 1},  {"CMYK cyan", {0, 255, 255}, 0},
-                 {"CMYK half black", {128, 128, 128}, 1}, {"Lab white", {255, 255, 255}, 0},
-                 {"Lab red", {255, 0, 0}, 2},       {"grey", {191, 191, 191}, 1},
-                 {"wide CMYK red", {255, 0, 0}, 0}});
+  std::vector<AcoColour> aco;
+  std::vector<Expected> want;
+  for (const Case& c : cases) aco.push_back({c.space, c.values, u""}), want.push_back(c.want);
+  expectColours(vtest::acoFile(aco), ".aco", want);
 }
 
 TEST(PaletteColourSpaces, AseModels) {
   const Bytes ase = AseBuilder{}
                         .colour(u"rgb", "RGB ", {1.0f, 0.5f, 0.0f})
-                        .colour(u"cmyk", "CMYK", {0.0f, 1.0f, 1.0f, 0.5f})
+                        .colour(u"cmyk", "CMYK", {0.0f, 1.0f, 0.5f, 0.5f})
                         .colour(u"lab", "LAB ", {0.5429f, 80.81f, 69.89f})
                         .colour(u"gray", "Gray", {0.25f})
                         .colour(u"GRAY", "GRAY", {1.0f})
                         .build();
   expectColours(ase, ".ase",
-                {{"rgb", {255, 128, 0}, 0}, {"cmyk half-dark red", {128, 0, 0}, 1},
+                {{"rgb", {255, 128, 0}, 0}, {"cmyk: every ink its own", {128, 0, 64}, 1},
                  {"lab red", {255, 0, 0}, 2}, {"gray: 0 black", {64, 64, 64}, 1},
                  {"GRAY", {255, 255, 255}, 0}});
 }
