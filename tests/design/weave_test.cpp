@@ -252,15 +252,12 @@ TEST(WeaveDelivery, StridesAndMisuse) {
   const Bytes rows = vtest::rowsBlock(12, 3, pattern);
   const TempFile f(WeaveBuilder{}.key("DIM=12 3").raw("BATMAP", rows).end().build(), ".wv");
   returnLoaderFunctions(kWeave, f.path());
-  uint32_t w = 0, h = 0;
-  uint8_t map[768];
-  map[0] = 0x55;
-  ASSERT_EQ(getTryLoad()(f.path(), nullptr, &w, &h, nullptr, nullptr, nullptr, nullptr, map, nullptr,
-                         nullptr, nullptr, 0), VLOAD_OK);
-  EXPECT_EQ(map[0], 0);  // Quirk kept: the first byte of the map is cleared
+  vload_tool::Description d;
+  d.colourMap[0] = 0x55;
+  ASSERT_EQ(vload_tool::describe(f.path(), d, false), VLOAD_OK);
+  EXPECT_EQ(d.colourMap[0], 0);  // Quirk kept: the first byte of the map is cleared, even unasked
   // A second tryLoad without endLoad frees the first (the sanitizers watch).
-  ASSERT_EQ(getTryLoad()(f.path(), nullptr, &w, &h, nullptr, nullptr, nullptr, nullptr, nullptr,
-                         nullptr, nullptr, nullptr, 1), VLOAD_OK);
+  ASSERT_EQ(vload_tool::describe(f.path(), d, true), VLOAD_OK);
   const LoadBandFn loadBand = getLoadBand();
   Bytes image(3 * 5, 0x77);
   EXPECT_EQ(loadBand(image.data(), 1, 1, nullptr), VLOAD_BAD_REQUEST);  // stride under a row

@@ -3,6 +3,7 @@
 // information text, broken files, line ends, detection and the protocol.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <string>
 #include <string_view>
@@ -280,13 +281,10 @@ TEST(PaletteDetect, SignaturesOfTheBinaryFormats) {
 TEST(PaletteProtocol, OneRowInOneCall) {
   const TempFile f(vtest::jascPalette(colours(4)), ".pal");
   returnLoaderFunctions(64, f.path());
-  uint8_t layout = 0, map[768];
-  std::fill(std::begin(map), std::end(map), 0xAB);
-  uint32_t width = 0, height = 0;
-  ASSERT_EQ(getTryLoad()(f.path(), &layout, &width, &height, nullptr, nullptr, nullptr, nullptr, map,
-                         nullptr, nullptr, nullptr, 0),
-            VLOAD_OK);
-  EXPECT_EQ(map[0], 0xAB);  // readColorMap 0: the map is left alone
+  vload_tool::Description d;
+  std::fill(std::begin(d.colourMap), std::end(d.colourMap), 0xAB);
+  ASSERT_EQ(vload_tool::describe(f.path(), d, false), VLOAD_OK);
+  EXPECT_EQ(d.colourMap[0], 0xAB);  // readColorMap 0: the map is left alone
   uint8_t row[8] = {};
   EXPECT_EQ(getLoadBand()(row, 2, 8, nullptr), VLOAD_BAD_REQUEST);
   EXPECT_EQ(getLoadBand()(row, 1, 3, nullptr), VLOAD_BAD_REQUEST);  // stride under one row
