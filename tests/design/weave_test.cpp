@@ -2,9 +2,9 @@
 // compressed, repeat tables, refusals, guards, and the exported header reader.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <functional>
+#include <numeric>
 #include <string>
 #include <thread>
 
@@ -35,6 +35,7 @@ Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
 // A pattern that is neither regular nor symmetric.
 bool pattern(uint32_t a, uint32_t b) { return (a * 7 + b * 3 + a * b) % 5 < 2; }
+bool all(uint32_t, uint32_t) { return true; }
 
 // ---- Header
 
@@ -50,18 +51,17 @@ TEST(WeaveHeader, DimensionKeys) {
     // Every end on the last shaft, which rises on every pick: all set. One
     // end on a shaft past the last fails the header.
     const std::vector<int64_t> last(c.width, c.shafts - 1);
-    const Bytes plan = vtest::liftPlanBlock(c.shafts, c.height, [](uint32_t, uint32_t) { return true; });
+    const Bytes plan = vtest::liftPlanBlock(c.shafts, c.height, all);
     const vtest::Loaded l = load(WeaveBuilder{}.key(c.keys).harnends(last).raw("BITMAP", plan).end().build());
     ASSERT_EQ(l.status, VLOAD_OK);
     EXPECT_EQ(l.description.width, c.width);
     EXPECT_EQ(l.description.height, c.height);
-    EXPECT_EQ(l.rows, vtest::rowsBlock(c.width, c.height, [](uint32_t, uint32_t) { return true; }));
+    EXPECT_EQ(l.rows, vtest::rowsBlock(c.width, c.height, all));
     std::vector<int64_t> past = last;
     past.back() = c.shafts;
     EXPECT_EQ(statusOf(WeaveBuilder{}.key(c.keys).harnends(past).end().build()), VLOAD_BAD_DATA);
   }
-  const TempFile widest(WeaveBuilder{}.key("DIM=262140").end().build(), ".wv");
-  EXPECT_EQ(vtest::tryLoadStatus(widest.path(), kWeave), VLOAD_OK);
+  EXPECT_EQ(statusOf(WeaveBuilder{}.key("DIM=262140").end().build()), VLOAD_OK);
 }
 
 TEST(WeaveHeader, Refusals) {
@@ -70,9 +70,7 @@ TEST(WeaveHeader, Refusals) {
   const Case cases[] = {
       {"first line ends in CR LF", text("#BINDING\r\n#DIM=4\r\n#END\r\n"), VLOAD_NOT_THIS_FORMAT},
       {"carriage return after the first line", text("#BINDING\n\r#DIM=4\n#END\n"), VLOAD_NOT_THIS_FORMAT},
-      {"other signature", text("#BINDINGS\n#DIM=4\n#END\n"), VLOAD_NOT_THIS_FORMAT},
       {"signature alone, cut", text("#BINDING"), VLOAD_NOT_THIS_FORMAT},
-      {"empty", Bytes{}, VLOAD_NOT_THIS_FORMAT},
       {"no END line", WeaveBuilder{}.key("DIM=4").build(), VLOAD_BAD_DATA},
       {"line without #", WeaveBuilder{}.key("DIM=4").bytes(text("DIM=5\n")).end().build(), VLOAD_BAD_DATA},
       {"no dimensions", WeaveBuilder{}.end().build(), VLOAD_BAD_DATA},
@@ -90,11 +88,9 @@ TEST(WeaveHeader, Refusals) {
       {"HARNENDS runs short", WeaveBuilder{}.key("DIM=3").harnends({0, 1}).end().build(), VLOAD_BAD_DATA},
       {"damaged zlib block", WeaveBuilder{}.key("DIM=4").key("BUTMAP=5").bytes({1, 2, 3, 4, 5}).end().build(), VLOAD_BAD_DATA},
       {"zlib size beyond the file", WeaveBuilder{}.key("DIM=4").key("BETMAP=900").bytes(vtest::zlibCompress(Bytes(4, 1))).build(), VLOAD_BAD_DATA},
-      {"zlib size below 3", WeaveBuilder{}.key("DIM=4").key("HARNUNDS=2").bytes({0x78, 0x9C}).end().build(), VLOAD_BAD_DATA},
       {"zlib block bigger than its place", WeaveBuilder{}.key("DIM=4").zlib("HARNUNDS", Bytes(5, 1)).end().build(), VLOAD_BAD_DATA},
       {"damaged repeat table", WeaveBuilder{}.key("DIM=4").key("LINES_REPEAT=4").bytes({9, 9, 9, 9}).end().build(), VLOAD_BAD_DATA},
       {"a line of 150000 bytes", longLine, VLOAD_BAD_DATA},
-      {"binary garbage", WeaveBuilder{}.bytes({0, 0xFF, '#', 0x80, '\n', 7}).build(), VLOAD_BAD_DATA},
       {"ENDING ends the header", WeaveBuilder{}.key("DIM=4").key("ENDING").build(), VLOAD_OK},
   };
   const int fds = vtest::openFdCount();
@@ -109,14 +105,12 @@ TEST(WeaveHeader, KeysNeedTheThreadSetUp) {
   const TempFile f(WeaveBuilder{}.key("DIM=4").end().build(), ".wv");
   std::thread([&] {
     registerLoadWeave();  // no returnLoaderFunctions yet: the key table is empty
-    uint32_t w = 0, h = 0;
-    EXPECT_EQ(getTryLoad()(f.path(), nullptr, &w, &h, nullptr, nullptr, nullptr, nullptr, nullptr,
-                           nullptr, nullptr, nullptr, 1), VLOAD_NOT_THIS_FORMAT);
+    vload_tool::Description d;
+    EXPECT_EQ(vload_tool::describe(f.path(), d, true), VLOAD_NOT_THIS_FORMAT);
     initLoadWeave();
-    EXPECT_EQ(getTryLoad()(f.path(), nullptr, &w, &h, nullptr, nullptr, nullptr, nullptr, nullptr,
-                           nullptr, nullptr, nullptr, 1), VLOAD_OK);
-    EXPECT_EQ(w, 4u);
-    getEndLoad()(nullptr, 0, 0, nullptr);
+    EXPECT_EQ(vload_tool::describe(f.path(), d, true), VLOAD_OK);
+    EXPECT_EQ(d.width, 4u);
+    vload_tool::endLoad();
   }).join();
   std::thread([&] { EXPECT_EQ(vtest::tryLoadStatus(f.path(), kWeave), VLOAD_OK); }).join();
 }
@@ -154,14 +148,20 @@ TEST(WeavePicture, EveryFormInEveryBandSize) {
   const Bytes plan = vtest::liftPlanBlock(s, h, pattern);
   const Bytes rows = vtest::rowsBlock(w, h, pattern);
   const Bytes fromPlan = vtest::weaveFromLiftPlan(w, h, map, pattern);
+  Bytes cut = rows;  // what a block holds beyond its stream reads as zeros
+  std::fill(cut.begin() + 5, cut.end(), 0);
   const auto head = [&] { return WeaveBuilder{}.key("DIM=13 9,5").harnends(harness, 5); };
-  struct Case { const char* name; Bytes file; const Bytes& want; uint8_t mirrorX; };
+  struct Case { const char* name; Bytes file; Bytes want; uint8_t mirrorX; };
+  // A raw block cut short always takes the END line with it, so only a zlib
+  // block can come up short and still be followed by a header's end.
   const Case cases[] = {
       {"BITMAP", head().raw("BITMAP", plan).end().build(), fromPlan, 0},
       {"BUTMAP", head().zlib("BUTMAP", plan).end().build(), fromPlan, 0},
       {"BATMAP", head().raw("BATMAP", rows).end().build(), rows, 0},
       {"BETMAP", head().zlib("BETMAP", rows).end().build(), rows, 1},
       {"a later picture key wins", head().zlib("BETMAP", rows).raw("BITMAP", plan).end().build(), fromPlan, 1},
+      {"BETMAP cut short", head().zlib("BETMAP", vtest::truncated(rows, 5)).end().build(), cut, 1},
+      {"no picture", head().end().build(), Bytes(rows.size(), 0), 0},
   };
   for (const Case& c : cases)
     for (uint32_t band : {1u, 4u, 0u}) {
@@ -173,18 +173,6 @@ TEST(WeavePicture, EveryFormInEveryBandSize) {
       EXPECT_STREQ(l.description.info, " ");
       EXPECT_EQ(l.rows, c.want);
     }
-}
-
-// A raw block cut short always takes the END line with it, so only a zlib
-// block can come up short and still be followed by a header's end.
-TEST(WeavePicture, ShortAndMissingBlocksReadAsEmpty) {
-  const Bytes rows = vtest::rowsBlock(16, 4, pattern);
-  Bytes want = rows;
-  std::fill(want.begin() + 5, want.end(), 0);
-  EXPECT_EQ(load(WeaveBuilder{}.key("DIM=16 4").zlib("BETMAP", vtest::truncated(rows, 5)).end().build()).rows, want);
-  const vtest::Loaded none = load(WeaveBuilder{}.key("DIM=16 4").end().build());
-  ASSERT_EQ(none.status, VLOAD_OK);
-  EXPECT_EQ(none.rows, Bytes(8, 0));
 }
 
 // The rows a repeat table makes: stored rows in order, then copies.
@@ -208,9 +196,10 @@ Bytes spread(const Bytes& stored, uint32_t rowBytes, const std::vector<uint32_t>
 
 TEST(WeavePicture, RepeatTables) {
   struct Case { const char* name; uint32_t width; std::vector<uint32_t> table; bool wide; bool raw; };
+  // Entries that use every byte: rows far down the table, and (32-bit) rows past its end.
   std::vector<uint32_t> narrow(65520, 0), wide(65521, 0);
-  for (uint32_t p = 3; p < narrow.size(); p += 3) narrow[p] = p % 2 + 1;
-  for (uint32_t p = 3; p < wide.size(); p += 3) wide[p] = p - 1;
+  for (uint32_t p = 3; p < narrow.size(); p += 3) narrow[p] = p % 2 ? p - 1 : 1;
+  for (uint32_t p = 3; p < wide.size(); p += 3) wide[p] = p % 2 ? p - 1 : 0x10001;
   const std::vector<Case> cases = {
       {"copies, chains, forward references", 19, {0, 1, 0, 2, 5, 0, 0, 4}, false, false},
       {"a loop and a row past the table are empty", 19, {0, 3, 2, 0, 99, 5}, false, false},
@@ -221,9 +210,7 @@ TEST(WeavePicture, RepeatTables) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const uint32_t h = uint32_t(c.table.size()), rowBytes = (c.width + 7) / 8;
-    uint32_t storedRows = 0;
-    for (uint32_t e : c.table) storedRows += e == 0;
-    Bytes stored = vtest::rowsBlock(c.width, storedRows, pattern);
+    const Bytes stored = vtest::rowsBlock(c.width, uint32_t(std::count(c.table.begin(), c.table.end(), 0u)), pattern);
     WeaveBuilder b;
     b.key("DIM=" + std::to_string(c.width) + " " + std::to_string(h));
     if (c.raw) {
@@ -250,7 +237,7 @@ TEST(WeavePicture, RepeatTableOverALiftPlan) {
   const Bytes spreadPlan = {plan[0], plan[0], plan[1], plan[2], plan[4]};
   const auto bit = [&](uint32_t s, uint32_t p) { return spreadPlan[(s * 4 + p) / 8] >> ((s * 4 + p) % 8) & 1; };
   std::vector<uint32_t> identity(8);
-  for (uint32_t x = 0; x < 8; ++x) identity[x] = x;
+  std::iota(identity.begin(), identity.end(), 0u);
   const vtest::Loaded l = load(WeaveBuilder{}.key("DIM=8 4").raw("BITMAP", plan).repeat({0, 1, 0, 0}, false).end().build());
   ASSERT_EQ(l.status, VLOAD_OK);
   EXPECT_EQ(l.rows, vtest::weaveFromLiftPlan(8, 4, identity, bit));
@@ -265,25 +252,21 @@ TEST(WeaveDelivery, StridesAndMisuse) {
   const Bytes rows = vtest::rowsBlock(12, 3, pattern);
   const TempFile f(WeaveBuilder{}.key("DIM=12 3").raw("BATMAP", rows).end().build(), ".wv");
   returnLoaderFunctions(kWeave, f.path());
-  uint32_t w = 0, h = 0;
-  uint8_t map[768];
-  map[0] = 0x55;
-  ASSERT_EQ(getTryLoad()(f.path(), nullptr, &w, &h, nullptr, nullptr, nullptr, nullptr, map, nullptr,
-                         nullptr, nullptr, 0), VLOAD_OK);
-  EXPECT_EQ(map[0], 0);  // Quirk kept: the first byte of the map is cleared
+  vload_tool::Description d;
+  d.colourMap[0] = 0x55;
+  ASSERT_EQ(vload_tool::describe(f.path(), d, false), VLOAD_OK);
+  EXPECT_EQ(d.colourMap[0], 0);  // Quirk kept: the first byte of the map is cleared, even unasked
   // A second tryLoad without endLoad frees the first (the sanitizers watch).
-  ASSERT_EQ(getTryLoad()(f.path(), nullptr, &w, &h, nullptr, nullptr, nullptr, nullptr, nullptr,
-                         nullptr, nullptr, nullptr, 1), VLOAD_OK);
+  ASSERT_EQ(vload_tool::describe(f.path(), d, true), VLOAD_OK);
   const LoadBandFn loadBand = getLoadBand();
   Bytes image(3 * 5, 0x77);
   EXPECT_EQ(loadBand(image.data(), 1, 1, nullptr), VLOAD_BAD_REQUEST);  // stride under a row
   EXPECT_EQ(loadBand(image.data(), 4, 5, nullptr), VLOAD_BAD_REQUEST);  // more rows than left
   EXPECT_EQ(loadBand(nullptr, 1, 5, nullptr), VLOAD_BAD_REQUEST);
   ASSERT_EQ(loadBand(image.data(), 3, 5, nullptr), VLOAD_OK);
-  for (uint32_t y = 0; y < 3; ++y) {
-    EXPECT_EQ(Bytes(image.begin() + 5 * y, image.begin() + 5 * y + 2), Bytes(rows.begin() + 2 * y, rows.begin() + 2 * y + 2));
-    EXPECT_EQ(Bytes(image.begin() + 5 * y + 2, image.begin() + 5 * y + 5), Bytes(3, 0));  // zeros, not the next row
-  }
+  Bytes want(3 * 5, 0);  // zeros after each row, not the next row
+  for (uint32_t y = 0; y < 3; ++y) std::copy_n(rows.begin() + 2 * y, 2, want.begin() + 5 * y);
+  EXPECT_EQ(image, want);
   getEndLoad()(nullptr, 0, 0, nullptr);
   EXPECT_EQ(loadBand(image.data(), 1, 5, nullptr), VLOAD_BAD_REQUEST);
   EXPECT_EQ(getEndLoad()(nullptr, 0, 0, nullptr), 0u);

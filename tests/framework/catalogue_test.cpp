@@ -68,15 +68,14 @@ TEST(Catalogue, NamesAndQuestions) {
   for (int32_t n : {0, 78, -5}) {
     EXPECT_STREQ(returnLoaderString(n), "Unknown format");
     EXPECT_STREQ(returnLoaderStringNoLogo(n), "Unknown format");
-    EXPECT_EQ(validForDobbyExtraction(n), 0);
-    EXPECT_EQ(validForRepeatChecking(n), 0);
+    EXPECT_EQ(validForDobbyExtraction(n) + validForRepeatChecking(n), 0);
   }
-  EXPECT_EQ(validForDobbyExtraction(24), 0);   // a picture
-  EXPECT_EQ(validForDobbyExtraction(22), 1);   // WIF draft
-  EXPECT_EQ(validForDobbyExtraction(13), 1);   // jacquard card
-  EXPECT_EQ(validForRepeatChecking(24), 1);
-  EXPECT_EQ(validForRepeatChecking(64), 0);    // palette
-  EXPECT_EQ(validForRepeatChecking(40), 0);    // drape project
+  // A picture, a WIF draft, a jacquard card, a palette, a drape project.
+  const struct { int32_t loader, dobby, repeat; } kinds[] = {{24, 0, 1}, {22, 1, 1}, {13, 1, 1}, {64, 0, 0}, {40, 0, 0}};
+  for (const auto& k : kinds) {
+    EXPECT_EQ(validForDobbyExtraction(k.loader), k.dobby) << k.loader;
+    EXPECT_EQ(validForRepeatChecking(k.loader), k.repeat) << k.loader;
+  }
 }
 
 }  // namespace

@@ -1,10 +1,7 @@
 // The header probe cache and the non-fatal warning channel.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstring>
 #include <string>
 #include <thread>
 
@@ -17,32 +14,29 @@ namespace {
 using vtest::Bytes;
 using vtest::TempFile;
 
-Bytes filled(size_t n, uint8_t v) { return Bytes(n, v); }
-
 TEST(Probe, RefreshesOnNameOrSizeButNotOnSameSizeRewrite) {
-  const TempFile f(filled(300, 'a'));
+  const TempFile f(Bytes(300, 'a'));
   const uint8_t* h = loadImgCheckHeader(f.path());
   ASSERT_NE(h, nullptr);
   EXPECT_EQ(h[0], 'a');
   EXPECT_EQ(loadImgLastFilesize(), 300);
 
-  f.rewrite(filled(300, 'b'));  // same name, same size: the cache is kept
+  f.rewrite(Bytes(300, 'b'));  // same name, same size: the cache is kept
   EXPECT_EQ(loadImgCheckHeader(f.path())[0], 'a');
-  f.rewrite(filled(299, 'c'));  // the size changed: refreshed
+  f.rewrite(Bytes(299, 'c'));  // the size changed: refreshed
   EXPECT_EQ(loadImgCheckHeader(f.path())[0], 'c');
   EXPECT_EQ(loadImgLastFilesize(), 299);
 }
 
 TEST(Probe, ShortAndEmptyFilesKeepThePreviousTail) {
-  const TempFile big(filled(300, 'x'));
-  const TempFile small(filled(10, 'y'));
+  const TempFile big(Bytes(300, 'x'));
+  const TempFile small(Bytes(10, 'y'));
   const TempFile empty(Bytes{});
   ASSERT_NE(loadImgCheckHeader(big.path()), nullptr);
   const uint8_t* h = loadImgCheckHeader(small.path());
   ASSERT_NE(h, nullptr);
   EXPECT_EQ(loadImgLastFilesize(), 10);
-  for (int i = 0; i < 10; ++i) EXPECT_EQ(h[i], 'y');
-  for (int i = 10; i < 256; ++i) EXPECT_EQ(h[i], 'x') << i;
+  EXPECT_EQ(std::string(h, h + 256), std::string(10, 'y') + std::string(246, 'x'));
 
   h = loadImgCheckHeader(empty.path());
   ASSERT_NE(h, nullptr);
@@ -58,7 +52,7 @@ TEST(Probe, UnreadableFiles) {
   // A cached file that disappears is still answered from the cache.
   std::string path;
   {
-    const TempFile f(filled(20, 'q'));
+    const TempFile f(Bytes(20, 'q'));
     path = f.path();
     ASSERT_NE(loadImgCheckHeader(f.path()), nullptr);
   }
@@ -74,44 +68,28 @@ TEST(Probe, UnreadableFiles) {
 TEST(Probe, NamesLongerThanWindowsPathsAreKeptWhole) {
   const std::string dir(200, 'd'), name(150, 'n');
   ::mkdir((vtest::tempDir() + "/" + dir).c_str(), 0700);
-  const TempFile a(filled(50, '1'), dir + "/" + name + "-a", true);
-  const TempFile b(filled(50, '2'), dir + "/" + name + "-b", true);
+  const TempFile a(Bytes(50, '1'), dir + "/" + name + "-a", true);
+  const TempFile b(Bytes(50, '2'), dir + "/" + name + "-b", true);
   EXPECT_EQ(loadImgCheckHeader(a.path())[0], '1');
   EXPECT_EQ(loadImgCheckHeader(b.path())[0], '2');  // same size, same long prefix: still refreshed
 }
 
 TEST(Probe, CachePerThread) {
-  const TempFile mine(filled(40, 'm'));
-  const TempFile theirs(filled(40, 't'));
+  const TempFile mine(Bytes(40, 'm'));
+  const TempFile theirs(Bytes(40, 't'));
   ASSERT_NE(loadImgCheckHeader(mine.path()), nullptr);
   std::thread([&] { EXPECT_EQ(loadImgCheckHeader(theirs.path())[0], 't'); }).join();
   EXPECT_EQ(loadImgCheckHeader(mine.path())[0], 'm');
   EXPECT_EQ(loadImgLastFilesize(), 40);
 }
 
-// Runs f with standard output sent to a file and returns what it printed.
-template <class F>
-std::string capturedStdout(F f) {
-  std::fflush(stdout);
-  const TempFile sink(Bytes{});
-  const int saved = ::dup(1);
-  std::FILE* to = std::fopen(sink.path(), "wb");
-  ::dup2(::fileno(to), 1);
-  f();
-  std::fflush(stdout);
-  ::dup2(saved, 1);
-  ::close(saved);
-  std::fclose(to);
-  const Bytes b = vtest::readFile(sink.path());
-  return std::string(b.begin(), b.end());
-}
-
 TEST(NonFatal, PrintsUnlessSuppressed) {
-  EXPECT_EQ(capturedStdout([] { ErrNonfatal("value %d of %s", 7, "x"); }),
-            "\nNonfatal Error : value 7 of x\n");
+  testing::internal::CaptureStdout();
+  ErrNonfatal("value %d of %s", 7, "x");
   SuppressNonFatalErrors = 1;
-  EXPECT_EQ(capturedStdout([] { ErrNonfatal("hidden %d", 1); }), "");
+  ErrNonfatal("hidden %d", 1);
   SuppressNonFatalErrors = 0;
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "\nNonfatal Error : value 7 of x\n");
 }
 
 }  // namespace

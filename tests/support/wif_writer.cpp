@@ -1,6 +1,7 @@
 // tests/support/wif_writer.cpp
 #include "tests/support/wif_writer.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -90,34 +91,6 @@ Bytes wifText(const WifDraft& d) {
   return Bytes(t.begin(), t.end());
 }
 
-Bytes drawdown(const WifDraft& d) {
-  const auto has = [](const std::vector<uint32_t>& v, uint32_t k) {
-    for (uint32_t e : v)
-      if (e == k) return true;
-    return false;
-  };
-  const bool treadles = d.treadlingFlag || d.tieUpFlag || d.threadingFlag;
-  const auto lifted = [&](uint32_t shaft, uint32_t pick) {  // both 1-based
-    if (d.liftPlanFlag) return pick <= d.liftPlan.size() && has(d.liftPlan[pick - 1], shaft);
-    if (!treadles) return false;
-    const bool given = pick <= d.treadling.size() && !d.treadling[pick - 1].empty();
-    const uint32_t t = given ? d.treadling[pick - 1][0] : pick;  // a pick without a line: its own number
-    if (!d.tieUpFlag && t == shaft) return true;  // no tie-up: treadle k lifts shaft k
-    return t <= d.tieUp.size() && has(d.tieUp[t - 1], shaft);
-  };
-  const uint32_t row = (d.ends + 7) / 8;
-  Bytes out(size_t{row} * d.picks, 0);
-  for (uint32_t p = 1; p <= d.picks; ++p)
-    for (uint32_t x = 1; x <= d.ends; ++x) {
-      const bool threaded = x <= d.threading.size() && !d.threading[x - 1].empty();
-      const std::vector<uint32_t> shafts = threaded ? d.threading[x - 1] : std::vector<uint32_t>{x};
-      bool up = false;
-      for (size_t k = 0; k < shafts.size() && k < 2; ++k) up |= lifted(shafts[k], p);
-      if (up) out[size_t{p - 1} * row + (x - 1) / 8] |= uint8_t(0x80 >> ((x - 1) % 8));
-    }
-  return out;
-}
-
 namespace {
 
 // Lines as the format's readers take them: LF, CR or CR LF ends, where one
@@ -126,20 +99,13 @@ struct PlainLines {
   const Bytes& b;
   size_t at = 0;
   bool eof = false;
-  int get() {
-    if (at < b.size()) return b[at++];
-    eof = true;
-    return -1;
-  }
+  int get() { return at < b.size() ? b[at++] : (eof = true, -1); }
   std::string next() {
     int c = get();
     if ((c == '\r' || c == '\n') && !eof) c = get();
     std::string s;
-    while (!eof && s.size() < 49152 && c != '\r' && c != '\n') {
-      s += char(c);
-      c = get();
-    }
-    if (s.size() > 49151) s.resize(49151);
+    for (; !eof && s.size() < 49152 && c != '\r' && c != '\n'; c = get()) s += char(c);
+    s.resize(std::min<size_t>(s.size(), 49151));  // a long line loses its last byte
     lower(s);
     return s;
   }
@@ -184,12 +150,10 @@ std::vector<int> listAfterEquals(const std::string& s) {
 }  // namespace
 
 WifReading readWifPlainly(const Bytes& file) {
-  WifReading r;
   PlainLines in{file};
   std::string line = in.next();
   for (int n = 1; starts(line, "[wif]") && n < 11 && !in.eof; ++n) line = in.next();
-  WifReading refused;
-  refused.status = 6;
+  const WifReading refused{6, 0, 0, {}};
   if (starts(line, "[wif]")) return refused;
 
   int shafts = 0, treadles = 0, width = 0, height = 0;
@@ -241,7 +205,7 @@ WifReading readWifPlainly(const Bytes& file) {
     }
   });
 
-  r.width = uint32_t(width), r.height = uint32_t(height);
+  WifReading r{0, uint32_t(width), uint32_t(height), {}};
   const uint32_t row = (r.width + 7) / 8;
   r.rows.assign(size_t{row} * r.height, 0);
   const auto at = [](const std::map<int, int>& m, int k, int otherwise) {

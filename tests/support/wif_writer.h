@@ -1,7 +1,7 @@
 // tests/support/wif_writer.h: writes WIF drafts, and computes the woven
-// picture two ways that share nothing with the loader: straight from a
-// draft's tables, and from any WIF text by a plain reading of the format's
-// rules, pixel by pixel.
+// picture of any WIF text, the public samples included, by a plain reading of
+// the format's rules that shares nothing with the loader: no table sizing, no
+// row reuse, pixel by pixel.
 #pragma once
 
 #include <cstdint>
@@ -31,13 +31,10 @@ WifDraft randomDraft(uint32_t seed, uint32_t ends, uint32_t picks, uint32_t shaf
 
 Bytes wifText(const WifDraft& d);
 
-// Rows of (ends + 7) / 8 bytes, top pick first.
-Bytes drawdown(const WifDraft& d);
-
 struct WifReading {
   uint32_t status = 0;  // 0, or 6 for a draft the loader refuses
   uint32_t width = 0, height = 0;
-  Bytes rows;
+  Bytes rows;  // rows of (width + 7) / 8 bytes, top pick first
 };
 WifReading readWifPlainly(const Bytes& file);
 
