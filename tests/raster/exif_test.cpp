@@ -22,16 +22,15 @@ struct Parsed {
 };
 
 // process_EXIF on a heap copy of exactly `block`, messages captured.
-Parsed parse(const Bytes& block, uint32_t length) {
+Parsed parse(const Bytes& block) {
   Parsed p;
   auto copy = std::make_unique<uint8_t[]>(block.size());
   std::memcpy(copy.get(), block.data(), block.size());
   testing::internal::CaptureStdout();
-  process_EXIF(copy.get(), length, p.info.get(), 0);
+  process_EXIF(copy.get(), uint32_t(block.size()), p.info.get(), 0);
   p.messages = testing::internal::GetCapturedStdout();
   return p;
 }
-Parsed parse(const Bytes& block) { return parse(block, uint32_t(block.size())); }
 
 Bytes ascii(std::string_view s) { return Bytes(s.begin(), s.end()); }
 
@@ -85,29 +84,26 @@ TEST(ExifTags, ReadInBothByteOrders) {
   }
 }
 
-TEST(ExifTags, ResolutionComesFromTheFirstDirectoryOnly) {
-  const Parsed xOnly = parse(ExifBuilder(true).rational(0x011A, 300, 1).block());
-  EXPECT_FLOAT_EQ(xOnly.info->xResolution, 300);
-  EXPECT_FLOAT_EQ(xOnly.info->yResolution, 300);
-
-  const Parsed second = parse(ExifBuilder().shortValue(0x0112, 1).directory().rational(0x011A, 72, 1)
-                                  .shortValue(0x0128, 3).block());
-  EXPECT_FLOAT_EQ(second.info->xResolution, 0);
-  EXPECT_EQ(second.info->resolutionUnit, 0);
-}
-
 TEST(ExifTags, DerivedAndConditionalValues) {
   ExifBuilder b;  // APEX 5: 1/32 s and f/5.66
   Bytes apex;
   b.put32(apex, 5);
   b.put32(apex, 1);
   b.bytes(0x9201, 10, apex).bytes(0x9202, 5, apex).shortValue(0xA405, 28).rational(0x920A, 50, 1)
-      .longValue(0xA002, 4000).rational(0xA20E, 4000, 1).shortValue(0xA210, 2);
+      .longValue(0xA002, 4000).rational(0xA20E, 4000, 1).shortValue(0xA210, 2).rational(0x011A, 300, 1)
+      .directory().rational(0x011B, 72, 1).shortValue(0x0128, 3);
   const Parsed p = parse(b.block());
   const ExifInfo& r = *p.info;
   EXPECT_FLOAT_EQ(r.exposureTime, 1.0f / 32);
   EXPECT_NEAR(r.apertureFNumber, std::sqrt(32.0), 1e-4);
   EXPECT_EQ(r.focalLength35mmEquiv, 28);  // the block's own equivalent wins
+  // The resolution comes from the first directory alone, Y from X there;
+  // each fills the other only while it is unset.
+  EXPECT_FLOAT_EQ(r.yResolution, 300);
+  EXPECT_EQ(r.resolutionUnit, 0);
+  const Parsed yThenX = parse(ExifBuilder().rational(0x011B, 150, 1).rational(0x011A, 300, 1).block());
+  EXPECT_FLOAT_EQ(yThenX.info->xResolution, 300);
+  EXPECT_FLOAT_EQ(yThenX.info->yResolution, 150);
 
   // A wide-character comment keeps its bytes and counts its units.
   const Bytes wide = {'H', 0, 'i', 0, 0, 0};
@@ -211,27 +207,18 @@ TEST(ExifSafety, EveryTruncationStaysInsideTheBlock) {
 
 TEST(ExifConvert, EveryFormatCode) {
   Clear_EXIF();  // Intel order
-  const uint8_t bytes[8] = {0xFE, 0xFF, 0xFF, 0xFF, 2, 0, 0, 0};
-  const uint8_t zeroDen[8] = {5, 0, 0, 0, 0, 0, 0, 0};
+  const uint8_t bytes[8] = {0xFE, 0xFF, 0xFF, 0xFF, 2, 0, 0, 0}, zeroDen[8] = {5};
   const float f = 1.5f;
   const double d = -2.25;
-  EXPECT_EQ(ConvertAnyFormat(bytes, 1), 254);
-  EXPECT_EQ(ConvertAnyFormat(bytes, 3), 65534);
-  EXPECT_EQ(ConvertAnyFormat(bytes, 4), 4294967294.0);
-  EXPECT_EQ(ConvertAnyFormat(bytes, 5), 4294967294.0 / 2);
-  EXPECT_EQ(ConvertAnyFormat(bytes, 6), -2);
-  EXPECT_EQ(ConvertAnyFormat(bytes, 8), -2);
-  EXPECT_EQ(ConvertAnyFormat(bytes, 9), -2);
-  EXPECT_EQ(ConvertAnyFormat(bytes, 10), -1);
-  EXPECT_EQ(ConvertAnyFormat(zeroDen, 5), 0);
-  EXPECT_EQ(ConvertAnyFormat(zeroDen, 10), 0);
-  EXPECT_EQ(ConvertAnyFormat(&f, 11), 1.5);
-  EXPECT_EQ(ConvertAnyFormat(&d, 12), -2.25);
+  struct Case { const void* at; int32_t format; double want; };
+  for (const Case& c : {Case{bytes, 1, 254}, Case{bytes, 3, 65534}, Case{bytes, 4, 4294967294.0},
+                        Case{bytes, 5, 4294967294.0 / 2}, Case{bytes, 6, -2}, Case{bytes, 8, -2}, Case{bytes, 9, -2},
+                        Case{bytes, 10, -1}, Case{zeroDen, 5, 0}, Case{zeroDen, 10, 0}, Case{&f, 11, 1.5},
+                        Case{&d, 12, -2.25}})
+    EXPECT_EQ(ConvertAnyFormat(c.at, c.format), c.want) << c.format;
   testing::internal::CaptureStdout();
   EXPECT_EQ(ConvertAnyFormat(bytes, 7), 0);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "\nNonfatal Error : Illegal format code 7 in Exif header\n");
-  EXPECT_EQ(BytesPerFormat[5], 8);
-  EXPECT_EQ(BytesPerFormat[12], 8);
 }
 
 }  // namespace

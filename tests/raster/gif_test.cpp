@@ -25,7 +25,6 @@ using vtest::TempFile;
 
 constexpr int32_t kGif = 1;
 
-// Rows as the loader delivers them in bands of `band` rows (0: all at once).
 vtest::Loaded loadGif(const Bytes& file, uint32_t band = 0) {
   const TempFile f(file, ".gif");
   return vtest::load(f.path(), kGif, band);
@@ -52,7 +51,6 @@ TEST(GifHeader, RefusesWhatItDoesNotRead) {
       {"interlaced", GifBuilder{}.imageFlags(0x40).build(), VLOAD_UNSUPPORTED},
       {"width 0", GifBuilder{}.size(0, 3).build(), VLOAD_UNSUPPORTED},
       {"height 0", GifBuilder{}.size(3, 0).build(), VLOAD_UNSUPPORTED},
-      {"trailer instead of an image", vtest::patched8(good, 25, 0x3B), VLOAD_UNSUPPORTED},
       {"ends after the colour table", vtest::truncated(good, 25), VLOAD_UNSUPPORTED},
       {"cut in the image descriptor", vtest::truncated(good, 30), VLOAD_CANNOT_OPEN},
       {"ends before the image flags", vtest::truncated(good, 34), VLOAD_CANNOT_OPEN},
@@ -69,40 +67,34 @@ TEST(GifHeader, RefusesWhatItDoesNotRead) {
   }
 }
 
-// Description, with every kind of extension skipped; the colour table is
-// read without readColorMap too, and entries past it are left alone.
-TEST(GifHeader, DescribesAfterExtensions) {
-  const Bytes file = GifBuilder{}
+// Every kind of extension is skipped; the colour table is read without
+// readColorMap too, and entries past it are left alone. Quirk: densities
+// from the aspect byte alone, in steps of 64 (see densities() in gif.cpp).
+TEST(GifHeader, DescribesAfterExtensionsWithDensitiesFromTheAspectByte) {
+  struct Case { uint8_t aspect; uint32_t x, y; };
+  for (const Case& c : {Case{0, 0, 0}, Case{48, 0, 100000}, Case{49, 100000, 100000}, Case{113, 200000, 100000},
+                        Case{255, 400000, 100000}}) {
+    SCOPED_TRACE(int(c.aspect));
+    const TempFile f(GifBuilder{}
                          .size(9, 4)
                          .colourBits(3)
+                         .aspect(c.aspect)
                          .before(vtest::gifExtension(0xFE, {{'a', 'b'}, {'c'}, Bytes(255, 'd')}))
                          .before(vtest::gifExtension(0xF9, {{1, 0, 0, 7}}))
                          .before(vtest::gifExtension(0xFF, {Bytes(11, 'N'), {1, 0, 0}}))
                          .before(vtest::gifExtension(0x01, {Bytes(12, 0), {'t'}}))
-                         .build();
-  const TempFile f(file, ".gif");
-  returnLoaderFunctions(kGif, f.path());
-  vload_tool::Description d;
-  std::memset(d.colourMap, 0xAB, sizeof d.colourMap);
-  ASSERT_EQ(vload_tool::describe(f.path(), d, false), VLOAD_OK);
-  vload_tool::endLoad();
-  EXPECT_EQ(d.layout, VLOAD_LAYOUT_INDEXED);
-  EXPECT_EQ(d.width * 10 + d.height, 94u);
-  EXPECT_STREQ(d.info, " ");
-  EXPECT_EQ(d.colourMap[3 * 7], 255);
-  EXPECT_EQ(d.colourMap[3 * 8], 0xAB);
-}
-
-TEST(GifHeader, DensitiesFromTheAspectByte) {
-  struct Case { uint8_t aspect; uint32_t x, y; };
-  for (const Case& c : {Case{0, 0, 0}, Case{20, 0, 100000}, Case{48, 0, 100000}, Case{49, 100000, 100000},
-                        Case{113, 200000, 100000}, Case{255, 400000, 100000}}) {
-    SCOPED_TRACE(int(c.aspect));
-    const TempFile f(GifBuilder{}.aspect(c.aspect).build(), ".gif");
+                         .build(),
+                     ".gif");
     returnLoaderFunctions(kGif, f.path());
     vload_tool::Description d;
-    ASSERT_EQ(vload_tool::describe(f.path(), d, true), VLOAD_OK);
+    std::memset(d.colourMap, 0xAB, sizeof d.colourMap);
+    ASSERT_EQ(vload_tool::describe(f.path(), d, false), VLOAD_OK);
     vload_tool::endLoad();
+    EXPECT_EQ(d.layout, VLOAD_LAYOUT_INDEXED);
+    EXPECT_EQ(d.width * 10 + d.height, 94u);
+    EXPECT_STREQ(d.info, " ");
+    EXPECT_EQ(d.colourMap[3 * 7], 255);
+    EXPECT_EQ(d.colourMap[3 * 8], 0xAB);
     EXPECT_EQ(d.xDensity, c.x);
     EXPECT_EQ(d.yDensity, c.y);
   }
@@ -120,21 +112,19 @@ TEST(GifPixels, MatchGiflibInEveryBandSize) {
   };
   // Two spare bytes where the last codes would be small: the decoder reads
   // codes in the last two bytes only in part (GifDecoder.Quirks).
-  const vtest::LzwOptions deferred{.clearWhenFull = false}, noClear{.leadingClear = false},
-      often{.clearEvery = 50, .padBytes = 2};
   const Case cases[] = {
       {"2 colours, code size 2", 61, 17, 1, 0, {}},
       {"4 colours", 40, 40, 2, 0, {}},
       {"16 colours, blocks", 300, 200, 4, 1, {}},
       {"16 colours, noise, table cleared when full", 257, 129, 4, 0, {}},
       {"256 colours, noise", 200, 150, 8, 0, {}},
-      {"256 colours, full table kept", 200, 150, 8, 0, deferred},
-      {"16 colours, full table kept", 300, 300, 4, 0, deferred},
-      {"clear codes every 50 codes", 90, 70, 3, 0, often},
+      {"256 colours, full table kept", 200, 150, 8, 0, {.clearWhenFull = false}},
+      {"16 colours, full table kept", 300, 300, 4, 0, {.clearWhenFull = false}},
+      {"clear codes every 50 codes", 90, 70, 3, 0, {.clearEvery = 50, .padBytes = 2}},
       {"one colour: strings longer than a row", 7, 300, 2, 2, {}},
       {"one column", 1, 500, 4, 0, {}},
       {"wide", 4000, 3, 8, 0, {}},
-      {"no leading clear code", 50, 20, 4, 0, noClear},
+      {"no leading clear code", 50, 20, 4, 0, {.leadingClear = false}},
       {"code size above the depth", 64, 33, 2, 0, {}, 8},
       {"sub-blocks of 3 bytes", 40, 40, 5, 0, {}, 0, 3},
   };
@@ -199,13 +189,9 @@ TEST(GifPixels, PublicSamplesMatchGiflib) {
 // A picture whose image data is `codes`, packed as the decoder reads them,
 // with two spare bytes unless said otherwise.
 Bytes codedGif(uint32_t width, uint32_t height, uint32_t colourBits, std::vector<uint16_t> codes,
-               uint32_t padBytes = 2, uint32_t minCodeSize = 2) {
-  return GifBuilder{}
-      .size(width, height)
-      .colourBits(colourBits)
-      .minCodeSize(minCodeSize)
-      .data(vtest::packCodes(codes, minCodeSize, padBytes))
-      .build();
+               uint32_t padBytes = 2) {
+  return GifBuilder{}.size(width, height).colourBits(colourBits).minCodeSize(2)
+      .data(vtest::packCodes(codes, 2, padBytes)).build();
 }
 
 constexpr uint16_t C = 4, E = 5;  // clear and end codes for a minimum code size of 2
@@ -272,14 +258,8 @@ TEST(GifDecoder, FastAndUnwindingDecodersAgree) {
     Bytes data = vtest::packCodes(vtest::lzwCodes(px, minCodeSize, o), minCodeSize);
     for (uint32_t k = pick(4); k > 0 && !data.empty(); --k) data[pick(uint32_t(data.size()))] = uint8_t(rng());
     if (pick(5) == 0) data = vtest::truncated(data, pick(uint32_t(data.size()) + 1));
-    const Bytes file = GifBuilder{}
-                           .size(width, height)
-                           .colourBits(bits)
-                           .minCodeSize(minCodeSize)
-                           .blockBytes(1 + pick(255))
-                           .data(data)
-                           .build();
-    const TempFile f(file, ".gif");
+    const TempFile f(GifBuilder{}.size(width, height).colourBits(bits).minCodeSize(minCodeSize)
+                         .blockBytes(1 + pick(255)).data(data).build(), ".gif");
     for (uint32_t band : {0u, 1u, 3u}) {
       SCOPED_TRACE("round " + std::to_string(round) + ", band " + std::to_string(band));
       const vtest::Loaded fast = vtest::load(f.path(), kGif, band);

@@ -49,7 +49,7 @@ Bytes bareDecode(const Bytes& file, J_COLOR_SPACE space) {
 // Describes with the requested layout in *pixelFormat; the load stays open.
 vload_tool::Description describe(const char* path, uint8_t requested, bool readColourMap, uint32_t* status) {
   vload_tool::Description d;
-  d.loader = vload_tool::install(kJpeg, path);
+  d.loader = vload_tool::install(0, path);
   d.layout = requested;
   *status = vload_tool::describe(path, d, readColourMap);
   return d;
@@ -57,51 +57,41 @@ vload_tool::Description describe(const char* path, uint8_t requested, bool readC
 
 // ---- Layouts
 
-TEST(JpegPixels, RgbAndGreyMatchLibjpegInEveryBandSize) {
-  struct Case { const char* name; JpegBuilder b; uint8_t layout; J_COLOR_SPACE space; };
+// RGB comes as libjpeg decodes it. Grey comes through a map of 256 greys and
+// libjpeg's quantizer, which may move a grey by one; a host asking for
+// layout 1 gets 128 colours from the two-pass quantizer, each near the file's.
+TEST(JpegPixels, MatchLibjpegInEveryBandSize) {
+  struct Case { const char* name; int components; uint8_t requested, layout; int tolerance; };
   const Case cases[] = {
-      {"RGB", JpegBuilder{}.size(37, 19), VLOAD_LAYOUT_RGB, JCS_RGB},
-      {"grey", JpegBuilder{}.size(37, 19).components(1), VLOAD_LAYOUT_INDEXED, JCS_GRAYSCALE},
+      {"RGB", 3, 0, VLOAD_LAYOUT_RGB, 0},
+      {"grey", 1, 0, VLOAD_LAYOUT_INDEXED, 1},
+      {"RGB, layout 1 asked for", 3, VLOAD_LAYOUT_INDEXED, VLOAD_LAYOUT_INDEXED, 24},
+      {"grey, layout 1 asked for", 1, VLOAD_LAYOUT_INDEXED, VLOAD_LAYOUT_INDEXED, 24},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const Bytes file = c.b.build();
+    const Bytes file = JpegBuilder{}.size(37, 19).components(c.components).build();
     const TempFile f(file, ".jpg");
-    const Bytes want = bareDecode(file, c.space);
+    const Bytes want = bareDecode(file, c.components == 3 ? JCS_RGB : JCS_GRAYSCALE);
     for (uint32_t band : {1u, 4u, 0u}) {
-      const vtest::Loaded l = vtest::load(f.path(), 0, band);
-      ASSERT_EQ(l.status, VLOAD_OK);
-      EXPECT_EQ(l.description.loader, uint32_t(kJpeg));
-      EXPECT_EQ(l.description.layout, c.layout);
+      uint32_t status = 0;
+      vload_tool::Description d = describe(f.path(), c.requested, true, &status);
+      ASSERT_EQ(status, VLOAD_OK);
+      EXPECT_EQ(d.loader, uint32_t(kJpeg));
+      ASSERT_EQ(d.layout, c.layout);
+      Bytes image(vload_tool::imageBytes(d));
+      ASSERT_EQ(vload_tool::deliverAll(d, image.data(), band), VLOAD_OK);
+      vload_tool::endLoad();
       if (c.layout == VLOAD_LAYOUT_RGB) {
-        EXPECT_EQ(l.rows, want);
-      } else {  // 256 greys through libjpeg's quantizer, which may move a grey by one
-        ASSERT_EQ(l.rows.size(), want.size());
-        for (int i = 0; i < 256; ++i) ASSERT_EQ(l.description.colourMap[3 * i + 2], i);
-        for (size_t i = 0; i < want.size(); ++i) ASSERT_NEAR(l.description.colourMap[3 * l.rows[i]], want[i], 1) << i;
+        EXPECT_EQ(image, want);
+        continue;
       }
-    }
-  }
-}
-
-TEST(JpegPixels, AskingForLayoutOneGivesA128ColourMap) {
-  for (int components : {3, 1}) {
-    SCOPED_TRACE(components);
-    const Bytes file = JpegBuilder{}.size(40, 30).components(components).build();
-    const TempFile f(file, ".jpg");
-    uint32_t status = 0;
-    vload_tool::Description d = describe(f.path(), VLOAD_LAYOUT_INDEXED, true, &status);
-    ASSERT_EQ(status, VLOAD_OK);
-    EXPECT_EQ(d.layout, VLOAD_LAYOUT_INDEXED);
-    Bytes image(40 * 30);
-    ASSERT_EQ(vload_tool::deliverAll(d, image.data(), 7), VLOAD_OK);
-    vload_tool::endLoad();
-    // Every index is one of the 128 and its colour is near the file's.
-    const Bytes want = bareDecode(file, components == 3 ? JCS_RGB : JCS_GRAYSCALE);
-    for (size_t i = 0; i < image.size(); ++i) {
-      ASSERT_LT(image[i], 128);
-      const uint8_t* rgb = d.colourMap + 3 * image[i];
-      EXPECT_NEAR(rgb[0], want[i * components], 24) << i;
+      ASSERT_EQ(image.size() * c.components, want.size());
+      for (int i = 0; i < 256 && !c.requested; ++i) ASSERT_EQ(d.colourMap[3 * i + 2], i);
+      for (size_t i = 0; i < image.size(); ++i) {
+        ASSERT_LT(image[i], c.requested ? 128 : 256);
+        ASSERT_NEAR(d.colourMap[3 * image[i]], want[i * c.components], c.tolerance) << i;
+      }
     }
   }
 }
@@ -116,19 +106,14 @@ TEST(JpegPixels, CmykIsConvertedByTheLoader) {
   const vload_tool::Description d = describe(f.path(), 0, true, &status);
   ASSERT_EQ(status, VLOAD_OK);
   EXPECT_EQ(d.layout, VLOAD_LAYOUT_RGB);
-  const int32_t stride = 16 * 3 + 7;  // room for two pixels more
+  const int32_t stride = 16 * 3 + 7;  // room for two pixels more, and a byte
   Bytes image(size_t(stride) * 8, 0x77);
   ASSERT_EQ(getLoadBand()(image.data(), 8, stride, nullptr), VLOAD_OK);
   vload_tool::endLoad();
-  for (int y = 0; y < 8; ++y) {
-    const uint8_t* row = image.data() + y * stride;
-    EXPECT_EQ(row[0], 254);
-    EXPECT_EQ(row[1], 0);
-    EXPECT_EQ(row[3 * 15], 254);
-    EXPECT_EQ(row[3 * 16], 0);     // past the width
-    EXPECT_EQ(row[3 * 17 + 2], 0);
-    EXPECT_EQ(row[stride - 1], 0x77);  // stride / 3 pixels only
-  }
+  Bytes row(stride, 0);
+  for (int x = 0; x < 16; ++x) row[3 * x] = 254;
+  row[stride - 1] = 0x77;  // stride / 3 pixels only
+  for (int y = 0; y < 8; ++y) EXPECT_EQ(Bytes(image.begin() + y * stride, image.begin() + (y + 1) * stride), row);
 }
 
 // ---- Densities
@@ -144,7 +129,6 @@ TEST(JpegDensity, FromJfifInchesElseFromExif) {
   struct Case { const char* name; JpegBuilder b; uint32_t x, y; };
   const Case cases[] = {
       {"JFIF inches wins over EXIF", JpegBuilder{}.jfif(1, 300, 200).app1(exif72), 300000, 200000},
-      {"JFIF centimetres, no EXIF", JpegBuilder{}.jfif(2, 118, 118), 0, 0},
       {"JFIF centimetres, EXIF inches", JpegBuilder{}.jfif(2, 118, 118).app1(exif72), 72000, 72000},
       {"aspect only, EXIF centimetres", JpegBuilder{}.jfif(0, 1, 1).app1(exifCm), 72009, 72009},
       {"no JFIF, X only", JpegBuilder{}.app1(exif150), 150000, 150000},
@@ -246,20 +230,14 @@ TEST(JpegProtocol, TwoThreadsWithExifAtOnce) {
   testing::internal::GetCapturedStdout();
 }
 
-TEST(JpegCorpus, EverySampleGivesAStatusAndValidOnesLoad) {
+// Statuses and descriptors of every sample are the corpus test's; here, most
+// samples are valid pictures and must load.
+TEST(JpegCorpus, ValidSamplesLoad) {
   const std::filesystem::path dir = std::filesystem::path(VLOAD_CORPUS_DIR) / "jpeg";
   if (!std::filesystem::is_directory(dir)) GTEST_SKIP() << "no corpus at " << dir;
-  std::vector<std::filesystem::path> files(std::filesystem::directory_iterator(dir), {});
-  const int fds = vtest::openFdCount();
   int loaded = 0;
-  for (const auto& file : files) {
-    const std::string path = file.string();
-    SCOPED_TRACE(path);
-    const vtest::Loaded l = vtest::load(path.c_str(), kJpeg, 16);
-    loaded += l.status == VLOAD_OK;
-    EXPECT_TRUE(l.status == VLOAD_OK || l.status == VLOAD_NOT_THIS_FORMAT || l.status == VLOAD_BAD_REQUEST) << l.status;
-    EXPECT_EQ(vtest::openFdCount(), fds);
-  }
+  for (const auto& e : std::filesystem::directory_iterator(dir))
+    loaded += vtest::load(e.path().c_str(), kJpeg, 16).status == VLOAD_OK;
   EXPECT_GT(loaded, 100);
 }
 

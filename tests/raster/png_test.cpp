@@ -33,9 +33,8 @@ struct Expected {
 // 1-bit grey bilevel, 16 bits cut to the high byte, tRNS grey and palette
 // widened to R, G, B, A through an alpha table whose entry 255 is 0.
 Expected expectedFor(const vtest::PngSamples& p) {
-  const int depth8 = std::min(p.depth, 8), top = (1 << depth8) - 1;
+  const int top = (1 << std::min(p.depth, 8)) - 1;
   const auto v8 = [&](uint16_t v) { return uint8_t(p.depth == 16 ? v >> 8 : v * (255 / top)); };
-  const auto s = [&](uint32_t x, uint32_t y, int c) { return p.samples[(size_t(y) * p.width + x) * p.channels + c]; };
   const bool trns = p.hasTrns && (p.type == 0 || p.type == 3);
   uint8_t alpha[256];
   std::memset(alpha, 255, sizeof alpha);
@@ -53,32 +52,20 @@ Expected expectedFor(const vtest::PngSamples& p) {
   for (uint32_t y = 0; y < p.height; ++y) {
     uint8_t* row = e.rows.data() + size_t(y) * stride;
     for (uint32_t x = 0; x < p.width; ++x) {
-      const auto rgba = [&](uint8_t r, uint8_t g, uint8_t b, uint8_t a) {
-        row[4 * x] = r, row[4 * x + 1] = g, row[4 * x + 2] = b, row[4 * x + 3] = a;
-      };
-      switch (e.layout) {
-        case VLOAD_LAYOUT_BILEVEL: row[x / 8] |= uint8_t((1 - s(x, y, 0)) << (7 - x % 8)); break;
-        case VLOAD_LAYOUT_INDEXED:
-          row[x] = p.type == 3 ? uint8_t(s(x, y, 0)) : uint8_t(p.depth == 16 ? 255 - v8(s(x, y, 0)) : top - s(x, y, 0));
-          break;
-        case VLOAD_LAYOUT_RGB:
-          for (int c = 0; c < 3; ++c) row[3 * x + c] = v8(s(x, y, c));
-          break;
-        default:
-          if (p.type == 3) {
-            const uint16_t i = s(x, y, 0);
-            const bool known = 3u * i + 2 < p.palette.size();
-            rgba(known ? p.palette[3 * i] : 0, known ? p.palette[3 * i + 1] : 0,
-                 known ? p.palette[3 * i + 2] : 0, alpha[i]);
-          } else if (p.type == 0) {
-            const uint8_t g = v8(s(x, y, 0));
-            rgba(g, g, g, alpha[g]);
-          } else if (p.type == 4) {
-            const uint8_t g = v8(s(x, y, 0));
-            rgba(g, g, g, v8(s(x, y, 1)));
-          } else {
-            rgba(v8(s(x, y, 0)), v8(s(x, y, 1)), v8(s(x, y, 2)), v8(s(x, y, 3)));
-          }
+      const uint16_t* s = &p.samples[(size_t(y) * p.width + x) * p.channels];
+      if (e.layout == VLOAD_LAYOUT_BILEVEL) {
+        row[x / 8] |= uint8_t((1 - s[0]) << (7 - x % 8));
+      } else if (e.layout == VLOAD_LAYOUT_INDEXED) {
+        row[x] = uint8_t(p.type == 3 ? s[0] : p.depth == 16 ? 255 - v8(s[0]) : top - s[0]);
+      } else if (e.layout == VLOAD_LAYOUT_RGB) {
+        for (int c = 0; c < 3; ++c) row[3 * x + c] = v8(s[c]);
+      } else if (p.type == 3) {
+        const bool known = 3u * s[0] + 2 < p.palette.size();
+        for (int c = 0; c < 4; ++c) row[4 * x + c] = c == 3 ? alpha[s[0]] : known ? p.palette[3 * s[0] + c] : 0;
+      } else {
+        const bool grey = p.type == 0 || p.type == 4;
+        for (int c = 0; c < 3; ++c) row[4 * x + c] = v8(s[grey ? 0 : c]);
+        row[4 * x + 3] = p.type == 0 ? alpha[v8(s[0])] : v8(s[grey ? 1 : 3]);
       }
     }
   }
@@ -93,8 +80,8 @@ Bytes withoutPadding(Bytes rows, uint8_t layout, uint32_t width) {
   return rows;
 }
 
-void expectLikeLibpng(const char* path, const Bytes& file, std::initializer_list<uint32_t> bands) {
-  const vtest::PngSamples raw = vtest::decodePngSamples(file);
+void expectLikeLibpng(const char* path, std::initializer_list<uint32_t> bands) {
+  const vtest::PngSamples raw = vtest::decodePngSamples(path);
   ASSERT_FALSE(raw.samples.empty()) << "libpng refuses " << path;
   const Expected want = expectedFor(raw);
   for (uint32_t band : bands) {
@@ -135,34 +122,22 @@ TEST(PngPixels, EveryTypeAndDepthInEveryBandSize) {
       const TempFile f(b.build(), ".png");
       SCOPED_TRACE("type " + std::to_string(c.type) + " depth " + std::to_string(c.depth) +
                    (c.trns ? " tRNS" : "") + (interlaced ? " interlaced" : ""));
-      expectLikeLibpng(f.path(), vtest::readFile(f.path()), {1, 3, 0});
+      expectLikeLibpng(f.path(), {1, 3, 0});
     }
   }
 }
 
-TEST(PngPixels, GreyArrivesInvertedWithAMapThatShowsTheFilesGreys) {
-  const PngBuilder grey = PngBuilder{}.size(3, 1).type(0, 8).samples([](uint32_t x, uint32_t, int) { return uint16_t(x * 100); });
-  const TempFile f(grey.build(), ".png");
-  const vtest::Loaded l = vtest::load(f.path(), 0);
-  ASSERT_EQ(l.status, VLOAD_OK);
-  EXPECT_EQ(l.description.loader, uint32_t(kPng));
-  EXPECT_EQ(l.description.layout, VLOAD_LAYOUT_INDEXED);
-  EXPECT_EQ(l.rows, (Bytes{255, 155, 55}));
-  for (uint8_t i : l.rows) EXPECT_EQ(l.description.colourMap[3 * i], 255 - i);
-
-  const PngBuilder bits = PngBuilder{}.size(10, 1).type(0, 1).samples([](uint32_t x, uint32_t, int) { return uint16_t(x < 3); });
-  const TempFile g(bits.build(), ".png");
-  const vtest::Loaded m = vtest::load(g.path(), kPng);
-  ASSERT_EQ(m.status, VLOAD_OK);
-  EXPECT_EQ(m.description.layout, VLOAD_LAYOUT_BILEVEL);  // 1 = dark
-  EXPECT_EQ(m.rows[0], 0x1F);
-  EXPECT_EQ(m.rows[1] & 0xC0, 0xC0);
-
-  struct MapCase { int depth; std::vector<uint8_t> first; };
-  for (const MapCase& c : {MapCase{2, {255, 170, 85, 0}}, MapCase{4, {255, 238, 221}}, MapCase{16, {255, 254, 253}}}) {
-    const TempFile h(PngBuilder{}.type(0, c.depth).build(), ".png");
-    const vtest::Loaded n = vtest::load(h.path(), kPng);
-    for (size_t i = 0; i < c.first.size(); ++i) EXPECT_EQ(n.description.colourMap[3 * i + 1], c.first[i]) << c.depth;
+// Greys arrive inverted (1 is dark in a bilevel picture), with a map that
+// inverts them back: the map shows the file's greys.
+TEST(PngPixels, GreyMapsShowTheFilesGreys) {
+  struct Case { int depth; std::vector<uint8_t> first; };
+  for (const Case& c : {Case{2, {255, 170, 85, 0}}, Case{4, {255, 238, 221}}, Case{8, {255, 254}}, Case{16, {255, 254}}}) {
+    SCOPED_TRACE(c.depth);
+    const TempFile f(PngBuilder{}.type(0, c.depth).build(), ".png");
+    const vtest::Loaded l = vtest::load(f.path(), 0);
+    ASSERT_EQ(l.status, VLOAD_OK);
+    EXPECT_EQ(l.description.loader, uint32_t(kPng));
+    for (size_t i = 0; i < c.first.size(); ++i) EXPECT_EQ(l.description.colourMap[3 * i + 1], c.first[i]);
   }
 }
 
@@ -196,7 +171,6 @@ TEST(PngHeader, RepeatsFromTextKeysAndDensitiesFromPhys) {
       {"MulX 4", PngBuilder{}.text("MulX", "4"), 4, 1, 0, 0},
       {"MulY 3 and a longer key", PngBuilder{}.text("MulYrepeat", "3 times"), 1, 3, 0, 0},
       {"per metre", withEmptyKeywords(0), 1, 1, 299999, 96012},
-      {"nine empty keywords", withEmptyKeywords(9), 1, 1, 299999, 96012},
       {"ten empty keywords: per centimetre", withEmptyKeywords(10), 1, 1, 761998, 243870},
       {"ten keywords, one with text", withEmptyKeywords(9).text("Title", "x"), 1, 1, 299999, 96012},
       {"unit ignored", PngBuilder{}.pixelsPerUnit(100, 100, 0), 1, 1, 2540, 2540},
@@ -205,10 +179,9 @@ TEST(PngHeader, RepeatsFromTextKeysAndDensitiesFromPhys) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const TempFile f(c.b.build(), ".png");
-    vload_tool::Description d;
-    d.loader = vload_tool::install(kPng, f.path());
-    ASSERT_EQ(vload_tool::describe(f.path(), d, false), VLOAD_OK);
-    vload_tool::endLoad();
+    const vtest::Loaded l = vtest::load(f.path(), kPng);
+    ASSERT_EQ(l.status, VLOAD_OK);
+    const vload_tool::Description& d = l.description;
     EXPECT_EQ(d.xRepeat, c.xRepeat);
     EXPECT_EQ(d.yRepeat, c.yRepeat);
     EXPECT_EQ(d.xDensity, c.xDensity);
@@ -223,14 +196,11 @@ TEST(PngHeader, RepeatsFromTextKeysAndDensitiesFromPhys) {
 
 TEST(PngFailures, StatusesAndNothingLeftOpen) {
   const Bytes good = PngBuilder{}.size(40, 30).build();
-  Bytes badCrc = good;
-  badCrc[29] ^= 1;  // the IHDR CRC
   struct Case { const char* name; Bytes bytes; uint32_t describe, deliver; };
   const Case cases[] = {
       {"signature", vtest::patched8(good, 1, 'Q'), VLOAD_NOT_THIS_FORMAT, 0},
       {"shorter than the signature", vtest::truncated(good, 5), VLOAD_NOT_THIS_FORMAT, 0},
       {"cut in the header", vtest::truncated(good, 20), VLOAD_CANNOT_OPEN, 0},
-      {"IHDR CRC", badCrc, VLOAD_CANNOT_OPEN, 0},
       {"cut in the pixels", vtest::truncated(good, good.size() - 60), VLOAD_OK, VLOAD_CANNOT_OPEN},
       {"no IEND", vtest::truncated(good, good.size() - 12), VLOAD_OK, VLOAD_CANNOT_OPEN},
   };
@@ -253,23 +223,20 @@ TEST(PngFailures, StatusesAndNothingLeftOpen) {
 
 // ---- Public samples
 
-TEST(PngCorpus, PngSuiteMatchesLibpngAndBrokenFilesGiveAStatus) {
+TEST(PngCorpus, PngSuiteMatchesLibpngAndBrokenFilesFail) {
   const std::filesystem::path dir = std::filesystem::path(VLOAD_CORPUS_DIR) / "png";
   if (!std::filesystem::is_directory(dir)) GTEST_SKIP() << "no corpus at " << dir;
-  std::vector<std::filesystem::path> files(std::filesystem::directory_iterator(dir), {});
-  const int fds = vtest::openFdCount();
   int valid = 0, broken = 0;
-  for (const auto& file : files) {
-    const std::string name = file.filename().string(), path = file.string();
+  for (const auto& e : std::filesystem::directory_iterator(dir)) {
+    const std::string name = e.path().filename().string(), path = e.path().string();
     SCOPED_TRACE(name);
     if (name.rfind("pngsuite_x", 0) == 0) {
       for (uint32_t band : {0u, 1u}) EXPECT_NE(vtest::load(path.c_str(), kPng, band).status, VLOAD_OK);
       ++broken;
     } else {
-      expectLikeLibpng(path.c_str(), vtest::readFile(path), {0, 7});
+      expectLikeLibpng(path.c_str(), {0, 7});
       ++valid;
     }
-    EXPECT_EQ(vtest::openFdCount(), fds);
   }
   EXPECT_GT(valid, 100);
   EXPECT_GT(broken, 10);

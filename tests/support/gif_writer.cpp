@@ -42,7 +42,7 @@ std::vector<uint16_t> lzwCodes(std::span<const uint8_t> pixels, uint32_t minCode
     }
     codes.push_back(uint16_t(prefix));
   }
-  if (options.endCode) codes.push_back(uint16_t(clear + 1));
+  codes.push_back(uint16_t(clear + 1));
   return codes;
 }
 
@@ -70,17 +70,6 @@ Bytes packCodes(const std::vector<uint16_t>& codes, uint32_t minCodeSize, uint32
   return out;
 }
 
-Bytes subBlocks(const Bytes& data, uint32_t blockBytes) {
-  Bytes out;
-  for (size_t at = 0; at < data.size(); at += blockBytes) {
-    const size_t n = std::min<size_t>(blockBytes, data.size() - at);
-    out.push_back(uint8_t(n));
-    out.insert(out.end(), data.begin() + long(at), data.begin() + long(at + n));
-  }
-  out.push_back(0);
-  return out;
-}
-
 Bytes gifExtension(uint8_t label, const std::vector<Bytes>& blocks) {
   Bytes out{0x21, label};
   for (const Bytes& b : blocks) {
@@ -90,8 +79,6 @@ Bytes gifExtension(uint8_t label, const std::vector<Bytes>& blocks) {
   out.push_back(0);
   return out;
 }
-
-uint32_t GifBuilder::codeSize() const { return minCodeSize_ ? minCodeSize_ : std::max(2u, bits_); }
 
 Bytes GifBuilder::indices() const {
   Bytes px(size_t{width_} * height_);
@@ -107,25 +94,25 @@ Bytes GifBuilder::build() const {
   put16le(b, width_);
   put16le(b, height_);
   put8(b, (globalTable_ ? 0x80 : 0) | 0x70 | (bits_ - 1));
-  put8(b, 0);  // background
-  put8(b, aspect_);
-  if (globalTable_) {
-    for (uint32_t i = 0; i < (1u << bits_); ++i)
-      for (uint32_t c = 0; c < 3; ++c)
-        put8(b, 3 * i + c < palette_.size() ? palette_[3 * i + c] : i * 255 / ((1u << bits_) - 1));
-  }
+  put16le(b, uint32_t(aspect_) << 8);  // background 0, aspect
+  if (globalTable_)
+    for (uint32_t i = 0; i < 3u << bits_; ++i) put8(b, i / 3 * 255 / ((1u << bits_) - 1));
   b.insert(b.end(), before_.begin(), before_.end());
   put8(b, 0x2C);
   put32le(b, 0);  // left, top
   put16le(b, width_);
   put16le(b, height_);
   put8(b, imageFlags_);
-  if (imageFlags_ & 0x80)
-    for (uint32_t i = 0; i < (3u << ((imageFlags_ & 7) + 1)); ++i) put8(b, 0);
-  put8(b, codeSize());
-  const Bytes packed = dataSet_ ? data_ : packCodes(lzwCodes(indices(), codeSize(), lzw_), codeSize(), lzw_.padBytes);
-  const Bytes blocks = subBlocks(packed, blockBytes_);
-  b.insert(b.end(), blocks.begin(), blocks.end());
+  if (imageFlags_ & 0x80) b.insert(b.end(), 3u << ((imageFlags_ & 7) + 1), 0);
+  const uint32_t codeSize = minCodeSize_ ? minCodeSize_ : std::max(2u, bits_);
+  put8(b, codeSize);
+  const Bytes data = dataSet_ ? data_ : packCodes(lzwCodes(indices(), codeSize, lzw_), codeSize, lzw_.padBytes);
+  for (size_t at = 0; at < data.size(); at += blockBytes_) {
+    const size_t n = std::min<size_t>(blockBytes_, data.size() - at);
+    put8(b, uint32_t(n));
+    b.insert(b.end(), data.begin() + long(at), data.begin() + long(at + n));
+  }
+  put8(b, 0);
   put8(b, 0x3B);
   return b;
 }

@@ -16,14 +16,13 @@ struct LzwOptions {
   bool leadingClear = true;
   bool clearWhenFull = true;  // false: keep decoding with the full table (deferred clear)
   uint32_t clearEvery = 0;    // also clear after this many codes (0: never)
-  bool endCode = true;
   // Zero bytes after the codes, as some encoders' flush leaves. Two of them
   // keep every code out of the last two bytes, which the loader's decoder
   // reads only in part.
   uint32_t padBytes = 0;
 };
 
-// The codes an LZW encoder writes for `pixels`.
+// The codes an LZW encoder writes for `pixels`, the end code last.
 std::vector<uint16_t> lzwCodes(std::span<const uint8_t> pixels, uint32_t minCodeSize,
                                const LzwOptions& options = {});
 
@@ -33,15 +32,14 @@ std::vector<uint16_t> lzwCodes(std::span<const uint8_t> pixels, uint32_t minCode
 // `padBytes` zero bytes follow.
 Bytes packCodes(const std::vector<uint16_t>& codes, uint32_t minCodeSize, uint32_t padBytes = 0);
 
-// `data` cut into sub-blocks of `blockBytes`, then the empty sub-block.
-Bytes subBlocks(const Bytes& data, uint32_t blockBytes = 255);
+// An extension: introducer, label, then `blocks` as sub-blocks and the terminator.
+Bytes gifExtension(uint8_t label, const std::vector<Bytes>& blocks);
 
 class GifBuilder {
  public:
   GifBuilder& size(uint32_t width, uint32_t height) { width_ = width; height_ = height; return *this; }
-  // Global table of 2^bits entries (grey ramp unless palette() is given).
+  // A global table of 2^bits greys.
   GifBuilder& colourBits(uint32_t bits) { bits_ = bits; return *this; }
-  GifBuilder& palette(Bytes rgb) { palette_ = std::move(rgb); return *this; }
   GifBuilder& noGlobalTable() { globalTable_ = false; return *this; }
   GifBuilder& signature(const char* six) { signature_ = six; return *this; }
   GifBuilder& aspect(uint8_t a) { aspect_ = a; return *this; }
@@ -57,21 +55,16 @@ class GifBuilder {
   GifBuilder& data(Bytes packed) { data_ = std::move(packed); dataSet_ = true; return *this; }
 
   Bytes build() const;
-  // The pixels, width x height index bytes.
-  Bytes indices() const;
-  uint32_t codeSize() const;  // the minimum code size written
+  Bytes indices() const;  // the pixels, width x height index bytes
 
  private:
   uint32_t width_ = 8, height_ = 8, bits_ = 2, minCodeSize_ = 0, blockBytes_ = 255;
   bool globalTable_ = true, dataSet_ = false;
   const char* signature_ = "GIF89a";
   uint8_t aspect_ = 0, imageFlags_ = 0;
-  Bytes palette_, before_, data_;
+  Bytes before_, data_;
   LzwOptions lzw_;
   std::function<uint8_t(uint32_t, uint32_t)> pixel_;
 };
-
-// An extension: introducer, label, then `blocks` as sub-blocks and the terminator.
-Bytes gifExtension(uint8_t label, const std::vector<Bytes>& blocks);
 
 }  // namespace vtest

@@ -43,8 +43,6 @@ bool readFirstImage(const char* path, const std::function<uint8_t*(uint32_t, uin
 GiflibImage giflibFirstImage(const char* path) {
   GiflibImage image;
   image.ok = readFirstImage(path, [&](uint32_t w, uint32_t h) {
-    image.width = w;
-    image.height = h;
     image.pixels.assign(uint64_t{w} * h, 0);
     return image.pixels.empty() ? nullptr : image.pixels.data();
   });

@@ -10,7 +10,6 @@ namespace vtest {
 
 struct GiflibImage {
   bool ok = false;  // giflib read the first image to its last row
-  uint32_t width = 0, height = 0;
   Bytes pixels;     // width x height index bytes
 };
 

@@ -1,8 +1,6 @@
 // tests/support/pcx_writer.cpp
 #include "tests/support/pcx_writer.h"
 
-#include <algorithm>
-
 namespace vtest {
 
 Bytes pcxRuns(const Bytes& data) {
@@ -24,7 +22,6 @@ Bytes PcxBuilder::lines() const {
     for (uint32_t p = 0; p < planes_; ++p) {
       uint8_t* line = out.data() + (size_t{y} * planes_ + p) * perLine;
       for (uint32_t x = 0; x < width_; ++x) {
-        // One bit a plane: bit p of the index; more bits: the plane's sample.
         const uint32_t v = bits_ == 1 ? pixel_(x, y, 0) >> p & 1 : pixel_(x, y, p) & ((1u << bits_) - 1);
         const uint64_t bit = uint64_t{x} * bits_;
         if (bit / 8 < perLine) line[bit / 8] |= uint8_t(v << (8 - bits_ - bit % 8));
@@ -36,14 +33,9 @@ Bytes PcxBuilder::lines() const {
 
 Bytes PcxBuilder::build() const {
   Bytes b;
-  put8(b, 10);
-  put8(b, version_);
-  put8(b, 1);
-  put8(b, bits_);
-  put16le(b, xmin_);
-  put16le(b, ymin_);
-  put16le(b, xmin_ + width_ - 1);
-  put16le(b, ymin_ + height_ - 1);
+  const uint32_t head[] = {10, version_, 1, bits_}, window[] = {xmin_, ymin_, xmin_ + width_ - 1, ymin_ + height_ - 1};
+  for (uint32_t v : head) put8(b, v);
+  for (uint32_t v : window) put16le(b, v);
   put16le(b, xDpi_);
   put16le(b, yDpi_);
   for (size_t i = 0; i < 48; ++i) put8(b, i < headerMap_.size() ? headerMap_[i] : uint8_t(i * 5));
@@ -53,14 +45,10 @@ Bytes PcxBuilder::build() const {
   put16le(b, 1);
   b.resize(128, 0);
   const Bytes all = lines();
-  if (acrossLines_) {
-    const Bytes runs = pcxRuns(all);
+  const size_t chunk = acrossLines_ ? all.size() : size_t{planes_} * bpl();
+  for (size_t at = 0; chunk && at < all.size(); at += chunk) {
+    const Bytes runs = pcxRuns(Bytes(all.begin() + long(at), all.begin() + long(at + chunk)));
     b.insert(b.end(), runs.begin(), runs.end());
-  } else {
-    for (size_t at = 0; lineBytes() && at < all.size(); at += lineBytes()) {
-      const Bytes runs = pcxRuns(Bytes(all.begin() + long(at), all.begin() + long(at + lineBytes())));
-      b.insert(b.end(), runs.begin(), runs.end());
-    }
   }
   if (!trailingMap_.empty()) {
     put8(b, marker_);

@@ -1,7 +1,6 @@
 // tests/support/pcx_writer.h: builds run-length encoded PCX files of one or
 // more planes of 1 to 8 bits, encoded line by line or as one stream whose
-// runs cross line ends, with a header map and an optional version-5 map at
-// the end of the file.
+// runs cross line ends, with a header map and an optional map at the end.
 #pragma once
 
 #include <cstdint>
@@ -30,9 +29,8 @@ class PcxBuilder {
   PcxBuilder& pixels(std::function<uint8_t(uint32_t x, uint32_t y, uint32_t plane)> f) { pixel_ = std::move(f); return *this; }
 
   Bytes build() const;
-  // The decoded lines as stored: height x planes x bytesPerLine bytes.
+  // The decoded lines as stored: height x planes x bpl() bytes.
   Bytes lines() const;
-  uint32_t lineBytes() const { return planes_ * bpl(); }
   uint32_t bpl() const { return bytesPerLine_ ? bytesPerLine_ : ((width_ * bits_ + 7) / 8 + 1) & ~1u; }
 
  private:

@@ -1,5 +1,5 @@
 // tests/support/png_writer.h: builds PNG files of every colour type and depth
-// with libpng.
+// with libpng, and decodes them with libpng as a reference.
 //
 // Samples are given as the file stores them: sample(x, y, c) is channel c of
 // pixel (x, y) at the file's bit depth (a palette index for colour type 3).
@@ -30,9 +30,6 @@ class PngBuilder {
 
   Bytes build() const;
 
-  int channels() const;
-  uint16_t sample(uint32_t x, uint32_t y, int c) const;  // masked to the depth
-
  private:
   uint32_t width_ = 5, height_ = 4;
   int type_ = 2, depth_ = 8;
@@ -49,10 +46,6 @@ class PngBuilder {
   };
 };
 
-}  // namespace vtest
-
-namespace vtest {
-
 // A PNG as libpng decodes it without transforms: samples at the file's depth,
 // one value per channel, rows top-down; empty `samples` when libpng failed.
 struct PngSamples {
@@ -64,6 +57,6 @@ struct PngSamples {
   std::vector<uint8_t> trnsAlpha;  // palette tRNS
   uint16_t trnsGrey = 0;
 };
-PngSamples decodePngSamples(const Bytes& file);
+PngSamples decodePngSamples(const char* path);
 
 }  // namespace vtest

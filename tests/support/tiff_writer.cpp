@@ -13,47 +13,33 @@ namespace vtest {
 
 namespace {
 
-// Packs samples MSB first; 16-bit samples in the machine's order, which
-// libtiff turns into the file's.
-class BitPacker {
- public:
-  explicit BitPacker(uint16_t bits) : bits_(bits) {}
-  void put(uint32_t v) {
-    if (bits_ == 16) {
-      const uint16_t s = uint16_t(v);
-      const auto* p = reinterpret_cast<const uint8_t*>(&s);
-      out_.insert(out_.end(), p, p + 2);
-      return;
-    }
-    for (int b = bits_ - 1; b >= 0; --b) {
-      if (used_ % 8 == 0) out_.push_back(0);
-      out_.back() |= uint8_t(((v >> b) & 1) << (7 - used_ % 8));
-      ++used_;
-    }
-  }
-  void endRow() { used_ = 0; }
-  Bytes& bytes() { return out_; }
-
- private:
-  uint16_t bits_;
-  uint32_t used_ = 0;
-  Bytes out_;
-};
-
 // Rows [y0, y0 + rows) of columns [x0, x0 + columns); all samples, or the
-// one plane given. Pixels outside the picture repeat its edge, as encoders
-// pad (JPEG rings at an edge to zero).
+// one plane given. Samples are packed MSB first, rows starting on a byte;
+// 16-bit ones in the machine's order, which libtiff turns into the file's.
+// Pixels outside the picture repeat its edge, as encoders pad (JPEG rings at
+// an edge to zero).
 Bytes pack(const TiffPicture& s, uint32_t x0, uint32_t columns, uint32_t y0, uint32_t rows, int plane) {
-  BitPacker p(s.bits);
+  Bytes out;
   const uint32_t mask = s.bits == 32 ? UINT32_MAX : (1u << s.bits) - 1;
   for (uint32_t y = y0; y < y0 + rows; ++y) {
+    uint32_t used = 0;
     for (uint32_t x = x0; x < x0 + columns; ++x)
-      for (uint32_t c = 0; c < s.samples; ++c)
-        if (plane < 0 || c == uint32_t(plane))
-          p.put(s.sample(std::min(x, s.width - 1), std::min(y, s.height - 1), c) & mask);
-    p.endRow();
+      for (uint32_t c = 0; c < s.samples; ++c) {
+        if (plane >= 0 && c != uint32_t(plane)) continue;
+        const uint32_t v = s.sample(std::min(x, s.width - 1), std::min(y, s.height - 1), c) & mask;
+        if (s.bits == 16) {
+          const uint16_t v16 = uint16_t(v);
+          const auto* p = reinterpret_cast<const uint8_t*>(&v16);
+          out.insert(out.end(), p, p + 2);
+          continue;
+        }
+        for (int b = s.bits - 1; b >= 0; --b, ++used) {
+          if (used % 8 == 0) out.push_back(0);
+          out.back() |= uint8_t(((v >> b) & 1) << (7 - used % 8));
+        }
+      }
   }
-  return std::move(p.bytes());
+  return out;
 }
 
 void check(bool ok, const char* what) {

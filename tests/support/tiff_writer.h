@@ -16,7 +16,7 @@ struct TiffPicture {
   uint32_t width = 37, height = 21;
   uint16_t photometric = 2;  // PHOTOMETRIC_RGB
   uint16_t bits = 8, samples = 3;
-  std::vector<uint16_t> extraSamples;  // EXTRASAMPLE_* of the samples beyond the colour ones
+  std::vector<uint16_t> extraSamples = {};  // EXTRASAMPLE_* of the samples beyond the colour ones
   uint16_t sampleFormat = 1;           // SAMPLEFORMAT_UINT
   bool separatePlanes = false;
   uint16_t compression = 1;  // COMPRESSION_NONE
@@ -24,7 +24,7 @@ struct TiffPicture {
   uint32_t rowsPerStrip = 3;
   uint32_t tileSide = 0;  // square tiles of this side instead of strips (a multiple of 16)
   uint16_t orientation = 1;
-  std::vector<uint16_t> colourMap;  // red, then green, then blue entries
+  std::vector<uint16_t> colourMap = {};  // red, then green, then blue entries
   float xResolution = 0, yResolution = 0;  // written when non-zero
   uint16_t resolutionUnit = 2;
   int pages = 1;
