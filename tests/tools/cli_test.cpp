@@ -68,7 +68,7 @@ struct Png : vtest::PngSamples {
 
 Png readPng(const std::string& path) {
   const Bytes file = vtest::readFile(path);
-  Png png{vtest::decodePngSamples(file)};
+  Png png{vtest::decodePngSamples(path.c_str())};
   const auto be32 = [](auto p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; };
   const std::string_view phys = "pHYs";
   const auto at = std::search(file.begin(), file.end(), phys.begin(), phys.end());
