@@ -88,50 +88,108 @@ class WorkingRows {
   uint8_t* next_ = nullptr;
 };
 
+// The ditherer's cache holds, for each resolved cell, its entry together with
+// the entry's colour: bytes R, G, B, then the index (one byte, or 16 bits
+// after a zero byte). A pixel then has its entry's colour from the load that
+// tells it the entry, one load fewer on the serial chain that runs through a
+// row. An unresolved cell holds entry 0 with a red that differs from entry
+// 0's, which no resolved slot can hold.
+template <class Index>
+class DitherCache {
+ public:
+  using Slot = std::conditional_t<sizeof(Index) == 1, uint32_t, uint64_t>;
+  static constexpr int kIndexShift = sizeof(Index) == 1 ? 24 : 32;
+
+  [[nodiscard]] bool init(const Palette& palette, const uint8_t* map) noexcept {
+    palette_ = &palette;
+    map_ = map;
+    empty_ = slotOf(0) ^ 1;
+    slots_ = Array<Slot>(static_cast<Slot*>(std::malloc(kCells * sizeof(Slot))));
+    if (slots_) std::fill_n(slots_.get(), kCells, empty_);
+    return bool(slots_);
+  }
+  Slot* slots() const noexcept { return slots_.get(); }
+  Slot empty() const noexcept { return empty_; }
+  // Resolves the slot of a colour packed as R | G << 8 | B << 16.
+  [[gnu::noinline]] Slot resolve(Slot& slot, uint32_t rgb) const noexcept {
+    slot = slotOf(palette_->nearest(int32_t(rgb & 255), int32_t(rgb >> 8 & 255), int32_t(rgb >> 16 & 255)));
+    return slot;
+  }
+  static Index indexOf(Slot slot) noexcept { return Index(slot >> kIndexShift); }
+
+ private:
+  Slot slotOf(uint32_t i) const noexcept {
+    const uint8_t* e = map_ + 3 * size_t(i);
+    return Slot(e[0]) | Slot(e[1]) << 8 | Slot(e[2]) << 16 | Slot(i) << kIndexShift;
+  }
+
+  const Palette* palette_ = nullptr;
+  const uint8_t* map_ = nullptr;
+  Slot empty_ = 0;
+  Array<Slot> slots_;
+};
+
+// The cell of a colour packed as R | G << 8 | B << 16; bits above are ignored.
+constexpr uint32_t cellOfPacked(uint32_t rgb) noexcept {
+  return (rgb & 0xFC) << 10 | (rgb & 0xFC00) >> 4 | (rgb >> 18 & 0x3F);
+}
+
 #if defined(__x86_64__)
-// One output row, as below, with the three channels side by side in 16-bit
-// lanes. (e * s * k) >> 8 is the high half of e times (s * k) << 8, which
+// One output row, with the three channels side by side in 16-bit lanes.
+// (e * s * k) >> 8 is the high half of e times (s * k) << 8, which
 // _mm_mulhi_epi16 gives with the same rounding toward minus infinity:
 // (s * k) << 8 fits 16 bits (s <= 16, k <= 7) and its product with e 32.
+// The serial chain from one pixel to the next is kept short: the sum of the
+// right neighbour and its share is clamped by the byte packing that also
+// yields the colour for the cell, and the cache slot brings the entry's
+// colour. Lane 3 (alpha, or the next pixel's first byte) takes no share, so
+// a pixel is stored as 4 bytes that put back what lane 3 read.
 template <class Index, int kBytes>
-void ditherRow(const Request& q, NearestCache<Index>& cache, const NoiseTable* noise,
-               int32_t transparent, const int16_t* entries, uint8_t* cur, uint8_t* next,
-               Index* out) noexcept {
+void ditherRow(const Request& q, DitherCache<Index>& cache, const NoiseTable* noise,
+               int32_t transparent, uint8_t* cur, uint8_t* next, Index* out) noexcept {
+  using Slot = typename DitherCache<Index>::Slot;
+  Slot* const slots = cache.slots();  // locals: stores of 8-bit indices may alias any field
+  const Slot empty = cache.empty();
   const __m128i zero = _mm_setzero_si128(), top = _mm_set1_epi16(255);
-  const auto share = [&](int32_t k) { return _mm_set1_epi16(int16_t(q.strength * k << 8)); };
+  const auto share = [&](int32_t k) {
+    const int16_t m = int16_t(q.strength * k << 8);
+    return _mm_setr_epi16(m, m, m, 0, 0, 0, 0, 0);
+  };
   const __m128i seven = share(7), three = share(3), five = share(5), one = share(1);
   const auto load = [&](const uint8_t* p) {
     uint32_t v;
     std::memcpy(&v, p, 4);
     return _mm_unpacklo_epi8(_mm_cvtsi32_si128(int32_t(v)), zero);
   };
-  const auto packed = [](__m128i v) { return uint32_t(_mm_cvtsi128_si32(_mm_packus_epi16(v, v))); };
-  const auto store = [&](uint8_t* p, __m128i v) {  // three bytes, clamped by the packing
-    const uint32_t w = packed(v);
-    std::memcpy(p, &w, 3);
+  const auto store = [&](uint8_t* p, __m128i v) {  // clamped by the packing
+    const uint32_t w = uint32_t(_mm_cvtsi128_si32(_mm_packus_epi16(v, v)));
+    std::memcpy(p, &w, 4);
   };
   const auto clamp = [&](__m128i v) { return _mm_min_epi16(_mm_max_epi16(v, zero), top); };
   uint32_t position = noise ? nextRandom() : 0;
-  __m128i value = load(cur + kBytes), belowLeft = load(next), below = load(next + kBytes);
+  __m128i sum = load(cur + kBytes), belowLeft = load(next), below = load(next + kBytes);
   for (int32_t x = 0; x < q.dstWidth; ++x) {
+    const __m128i packed = _mm_packus_epi16(sum, sum);
     __m128i error = zero;
     if (transparent >= 0 && cur[(x + 1) * kBytes + 3] == 0) {  // no colour, so no error to share
       out[x] = Index(transparent);
     } else {
-      const uint32_t rgb = packed(value);
-      const Index index = cache.lookup(rgb & 255, rgb >> 8 & 255, rgb >> 16 & 255);
-      out[x] = index;
-      error = _mm_sub_epi16(value, _mm_loadl_epi64(reinterpret_cast<const __m128i*>(entries + 4 * size_t(index))));
+      __m128i value = _mm_unpacklo_epi8(packed, zero);
       if (noise) {
-        error = _mm_add_epi16(error, _mm_setr_epi16(int16_t(noise->at(position)), int16_t(noise->at(position + 1)),
+        value = _mm_add_epi16(value, _mm_setr_epi16(int16_t(noise->at(position)), int16_t(noise->at(position + 1)),
                                                     int16_t(noise->at(position + 2)), 0, 0, 0, 0, 0));
         position += 3;
       }
+      const uint32_t rgb = uint32_t(_mm_cvtsi128_si32(packed));
+      Slot& slot = slots[cellOfPacked(rgb)];
+      const Slot entry = slot != empty ? slot : cache.resolve(slot, rgb);
+      out[x] = DitherCache<Index>::indexOf(entry);
+      error = _mm_sub_epi16(value, _mm_unpacklo_epi8(_mm_cvtsi32_si128(int32_t(uint32_t(entry))), zero));
     }
     store(next + x * kBytes, _mm_add_epi16(belowLeft, _mm_mulhi_epi16(error, three)));
     belowLeft = clamp(_mm_add_epi16(below, _mm_mulhi_epi16(error, five)));
     below = clamp(_mm_add_epi16(load(next + (x + 2) * kBytes), _mm_mulhi_epi16(error, one)));
-    value = clamp(_mm_add_epi16(load(cur + (x + 2) * kBytes), _mm_mulhi_epi16(error, seven)));
+    sum = _mm_add_epi16(load(cur + (x + 2) * kBytes), _mm_mulhi_epi16(error, seven));
   }
   store(next + q.dstWidth * kBytes, belowLeft);
   store(next + (q.dstWidth + 1) * kBytes, below);
@@ -142,9 +200,11 @@ void ditherRow(const Request& q, NearestCache<Index>& cache, const NoiseTable* n
 // shares, in the order the shares arrive (each sum clamped on its own), and
 // stored once finished: the same numbers as adding every share in place.
 template <class Index, int kBytes>
-void ditherRow(const Request& q, NearestCache<Index>& cache, const NoiseTable* noise,
-               int32_t transparent, const int16_t*, uint8_t* cur, uint8_t* next,
-               Index* out) noexcept {
+void ditherRow(const Request& q, DitherCache<Index>& cache, const NoiseTable* noise,
+               int32_t transparent, uint8_t* cur, uint8_t* next, Index* out) noexcept {
+  using Slot = typename DitherCache<Index>::Slot;
+  Slot* const slots = cache.slots();
+  const Slot empty = cache.empty();
   const int32_t s = q.strength;
   uint32_t position = noise ? nextRandom() : 0;
   int32_t value[3], belowLeft[3], below[3];  // this pixel; next row at x - 1 and x
@@ -161,11 +221,12 @@ void ditherRow(const Request& q, NearestCache<Index>& cache, const NoiseTable* n
     if (transparent >= 0 && cur[(x + 1) * kBytes + 3] == 0) {  // no colour, so no error to share
       out[x] = Index(transparent);
     } else {
-      const Index index = cache.lookup(uint32_t(value[0]), uint32_t(value[1]), uint32_t(value[2]));
-      out[x] = index;
-      const uint8_t* entry = q.map + 3 * size_t(index);
+      const uint32_t rgb = uint32_t(value[0] | value[1] << 8 | value[2] << 16);
+      Slot& slot = slots[cellOfPacked(rgb)];
+      const Slot entry = slot != empty ? slot : cache.resolve(slot, rgb);
+      out[x] = DitherCache<Index>::indexOf(entry);
       for (int c = 0; c < 3; ++c) {
-        error[c] = value[c] - entry[c];
+        error[c] = value[c] - int32_t(entry >> (8 * c) & 255);
         if (noise) error[c] += noise->at(position++);
       }
     }
@@ -191,20 +252,15 @@ void ditherRow(const Request& q, NearestCache<Index>& cache, const NoiseTable* n
 template <class Index, int kBytes>
 void dither(const Request& q) noexcept {
   Palette palette;
-  NearestCache<Index> cache;
+  DitherCache<Index> cache;
   WorkingRows rows;
-  Array<int16_t> entries = allocArray<int16_t>(4 * size_t(q.count));  // R, G, B, 0 each
-  if (!entries || !palette.assign(q.map, q.count, q.flags) || !cache.init(palette) || !rows.init(q))
-    return;
-  for (int32_t i = 0; i < q.count; ++i)
-    for (int c = 0; c < 3; ++c) entries[4 * size_t(i) + size_t(c)] = q.map[3 * size_t(i) + size_t(c)];
+  if (!palette.assign(q.map, q.count, q.flags) || !cache.init(palette, q.map) || !rows.init(q)) return;
   const int32_t transparent = kBytes == 4 ? firstFlagged(q.flags, q.count) : -1;
   std::optional<NoiseTable> noise;
   if (q.noise > 0) noise.emplace(q.noise);
   for (int32_t y = 0; y < q.dstHeight; ++y) {
     if (y + 1 < q.dstHeight) rows.prepareNext(y + 1);
-    ditherRow<Index, kBytes>(q, cache, noise ? &*noise : nullptr, transparent, entries.get(),
-                             rows.current(), rows.next(),
+    ditherRow<Index, kBytes>(q, cache, noise ? &*noise : nullptr, transparent, rows.current(), rows.next(),
                              reinterpret_cast<Index*>(rowOf(q.dst, y, q.dstStride)));
     rows.advance();
   }

@@ -1,0 +1,203 @@
+// colour/colour_simd.cpp: the colour tools' hot loops for processors with
+// 512-bit vectors (AVX-512 F/BW/VL/VBMI), sixteen pixels or sixteen map
+// entries at a time, and the choice between them and the plain code.
+//
+// Every kernel gives exactly what the plain code gives, in the same order
+// where order is observable: the cache answers a cell for the first colour
+// that meets it, so a vector of pixels reads the cells it finds resolved and
+// hands the others, lowest lane first, to the plain lookup.
+#include <algorithm>
+
+#include "colour/colour.h"
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#define VLOAD_WIDE __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi")))
+#endif
+
+namespace ldr::colour {
+namespace {
+
+thread_local ColourPath t_path = ColourPath::Auto;
+
+bool hasWideUnits() noexcept {
+#if defined(__x86_64__)
+  static const bool has = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+                          __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi");
+  return has;
+#else
+  return false;
+#endif
+}
+
+}  // namespace
+
+void forceColourPath(ColourPath path) noexcept { t_path = path; }
+
+bool colourPathAvailable(ColourPath path) noexcept { return path != ColourPath::Wide || hasWideUnits(); }
+
+bool useWideColour() noexcept { return t_path != ColourPath::Plain && hasWideUnits(); }
+
+#if defined(__x86_64__)
+// GCC 12's shift and permute intrinsics start from a self-initialised
+// "undefined" vector, which its own warnings then flag once inlined here.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+namespace {
+
+constexpr int32_t kLanes = 16;
+constexpr int32_t kPage = 256;  // entries whose index fits the low byte of a search key
+constexpr __mmask64 kColourBytes = 0x7777777777777777;  // bytes 0..2 of every 32-bit lane
+
+// Pixel k of three bytes into 32-bit lane k: bytes 3k, 3k + 1, 3k + 2 and a
+// fourth that every user ignores or masks.
+VLOAD_WIDE __m512i spreadIndex() noexcept {
+  alignas(64) static constexpr uint8_t kIndex[64] = {
+      0,  1,  2,  2,  3,  4,  5,  5,  6,  7,  8,  8,  9,  10, 11, 11, 12, 13, 14, 14, 15, 16,
+      17, 17, 18, 19, 20, 20, 21, 22, 23, 23, 24, 25, 26, 26, 27, 28, 29, 29, 30, 31, 32, 32,
+      33, 34, 35, 35, 36, 37, 38, 38, 39, 40, 41, 41, 42, 43, 44, 44, 45, 46, 47, 47};
+  return _mm512_load_si512(kIndex);
+}
+
+// The first n pixels of bytesPerPixel bytes: a mask of their bytes.
+__mmask64 pixelBytes(int32_t n, int32_t bytesPerPixel) noexcept {
+  const int32_t bytes = n * bytesPerPixel;
+  return bytes >= 64 ? ~__mmask64(0) : (__mmask64(1) << bytes) - 1;
+}
+
+// Cube cells of sixteen colours, R, G, B in bytes 0..2 of each 32-bit lane
+// (byte 3 is ignored): each byte's top 6 bits, then R6 x 64 + G6 and B6 as
+// 16-bit halves (maddubs with weights 64, 1, 1, 0), then the first half x 64
+// plus the second (madd with weights 64, 1). No sum leaves its lane's range.
+VLOAD_WIDE __m512i cellsOf(__m512i colours) noexcept {
+  const __m512i six = _mm512_and_si512(_mm512_srli_epi16(colours, 2), _mm512_set1_epi8(0x3F));
+  const __m512i halves = _mm512_maddubs_epi16(six, _mm512_set1_epi32(0x00010140));
+  return _mm512_madd_epi16(halves, _mm512_set1_epi32(0x00010040));
+}
+
+// Sixteen pixels of a row as colours in 32-bit lanes.
+VLOAD_WIDE __m512i coloursOf(__m512i pixels, int32_t bytesPerPixel) noexcept {
+  return bytesPerPixel == 3 ? _mm512_permutexvar_epi8(spreadIndex(), pixels) : pixels;
+}
+
+}  // namespace
+
+// The smallest key distance x 256 + index within a page of 256 entries is the
+// first entry at the smallest distance; pages are compared in order, a later
+// one winning only when strictly nearer. Differences fit 16-bit lanes (far
+// entries sit at 1000) and a distance, at most 3 x 1000^2, leaves 8 bits free.
+VLOAD_WIDE uint32_t nearestWide(const uint32_t* redGreen, const uint32_t* blueWords, int32_t padded,
+                                int32_t r, int32_t g, int32_t b) noexcept {
+  const __m512i pixelRedGreen = _mm512_set1_epi32(r | g << 16), pixelBlue = _mm512_set1_epi32(b);
+  const __m512i step = _mm512_set1_epi32(kLanes);
+  uint32_t bestDistance = ~0u, best = 0;
+  for (int32_t page = 0; page < padded; page += kPage) {
+    const int32_t end = std::min(padded, page + kPage);
+    __m512i least = _mm512_set1_epi32(-1);
+    __m512i index = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    for (int32_t i = page; i < end; i += kLanes, index = _mm512_add_epi32(index, step)) {
+      const __m512i dRedGreen = _mm512_sub_epi16(_mm512_loadu_si512(redGreen + i), pixelRedGreen);
+      const __m512i dBlue = _mm512_sub_epi16(_mm512_loadu_si512(blueWords + i), pixelBlue);
+      const __m512i distance = _mm512_add_epi32(_mm512_madd_epi16(dRedGreen, dRedGreen),
+                                                _mm512_madd_epi16(dBlue, dBlue));
+      least = _mm512_min_epu32(least, _mm512_or_si512(_mm512_slli_epi32(distance, 8), index));
+    }
+    const uint32_t key = _mm512_reduce_min_epu32(least);
+    if (key >> 8 < bestDistance) {
+      bestDistance = key >> 8;
+      best = uint32_t(page) + (key & 255);
+    }
+  }
+  return bestDistance > kFarthestDistance ? 0 : best;
+}
+
+// Sixteen pixels: their cells' slots by one gather, the resolved ones stored
+// at once (the low byte of a slot is its entry), the rest looked up in lane
+// order afterwards. With noise, the block's 48 offsets are one read from the
+// table, added with unsigned saturation (the positive and negative parts
+// apart), which is the plain code's clamp to 0..255. A noisy block with a
+// transparent pixel goes pixel by pixel: that pixel takes no offsets, so the
+// later ones shift.
+VLOAD_WIDE void remapRowWide(const RemapRows& job, int32_t y, uint32_t position,
+                             NearestCache& cache) noexcept {
+  const int32_t bpp = job.bytesPerPixel;
+  const uint8_t* row = rowOf(job.src, y, job.srcStride);
+  uint8_t* out = rowOf(job.dst, y, job.dstStride);
+  const NearestCache::Ref lookups = cache.ref();
+  const __m512i zero = _mm512_setzero_si512(), unresolvedBit = _mm512_set1_epi32(0x8000);
+  const __m512i alphaByte = _mm512_set1_epi32(int32_t(0xFF000000)), transparent = _mm512_set1_epi32(job.transparent);
+  for (int32_t x = 0; x < job.width; x += kLanes) {
+    const int32_t n = std::min(kLanes, job.width - x);
+    const __mmask16 lanes = __mmask16((1u << n) - 1);
+    const uint8_t* p = row + ptrdiff_t(x) * bpp;
+    __m512i pixels = _mm512_maskz_loadu_epi8(pixelBytes(n, bpp), p);
+    const __mmask16 clear = job.transparent >= 0 ? _mm512_mask_testn_epi32_mask(lanes, pixels, alphaByte) : 0;
+    if (job.noise) {
+      if (clear) {
+        for (int32_t k = 0; k < n; ++k) out[x + k] = job.pixel(p + k * bpp, position, lookups);
+        continue;
+      }
+      __m512i offsets = _mm512_loadu_si512(job.noise->run(position));
+      if (bpp == 4) offsets = _mm512_maskz_permutexvar_epi8(kColourBytes, spreadIndex(), offsets);
+      const __m512i up = _mm512_max_epi8(offsets, zero), down = _mm512_sub_epi8(up, offsets);
+      pixels = _mm512_subs_epu8(_mm512_adds_epu8(pixels, up), down);
+      position += uint32_t(3 * n);
+    }
+    const __m512i colours = coloursOf(pixels, bpp);
+    const __mmask16 opaque = lanes & ~clear;
+    const __m512i slots = _mm512_mask_i32gather_epi32(zero, opaque, cellsOf(colours), lookups.slots, 2);
+    __mmask16 unresolved = _mm512_mask_test_epi32_mask(opaque, slots, unresolvedBit);
+    _mm512_mask_cvtepi32_storeu_epi8(out + x, lanes, _mm512_mask_mov_epi32(slots, clear, transparent));
+    if (!unresolved) continue;
+    alignas(64) uint8_t c[64];
+    _mm512_store_si512(c, colours);
+    for (; unresolved; unresolved &= __mmask16(unresolved - 1)) {
+      const int k = __builtin_ctz(unresolved);
+      out[x + k] = lookups.lookup(c[4 * k], c[4 * k + 1], c[4 * k + 2]);
+    }
+  }
+}
+
+// The cells of a stretch of the row first, then the counts: counted as soon
+// as each vector is made (the compiler then takes the cells straight from the
+// vector), each increment's address would come late, and the processor's
+// guesses that a load does not depend on an earlier store to the same cell,
+// which neighbouring pixels often share, cost several times the whole work.
+VLOAD_WIDE void countCellsWide(const uint8_t* row, int32_t width, int32_t bytesPerPixel,
+                               uint64_t* cube) noexcept {
+  constexpr int32_t kStretch = 256;
+  alignas(64) uint32_t cells[kStretch];
+  for (int32_t start = 0; start < width; start += kStretch) {
+    const int32_t m = std::min(kStretch, width - start);
+    for (int32_t x = 0; x < m; x += kLanes) {
+      const __mmask64 bytes = pixelBytes(std::min(kLanes, m - x), bytesPerPixel);
+      const __m512i pixels = _mm512_maskz_loadu_epi8(bytes, row + ptrdiff_t(start + x) * bytesPerPixel);
+      _mm512_store_si512(cells + x, cellsOf(coloursOf(pixels, bytesPerPixel)));
+    }
+    for (int32_t k = 0; k < m; ++k) ++cube[cells[k]];
+  }
+}
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
+#else
+// Without x86-64 useWideColour() is false and these are never called; they
+// do what the plain code does so that the library links everywhere.
+uint32_t nearestWide(const uint32_t*, const uint32_t*, int32_t, int32_t, int32_t, int32_t) noexcept { return 0; }
+
+void remapRowWide(const RemapRows& job, int32_t y, uint32_t position, NearestCache& cache) noexcept {
+  remapRowPlain(job, y, position, cache);
+}
+
+void countCellsWide(const uint8_t* row, int32_t width, int32_t bytesPerPixel, uint64_t* cube) noexcept {
+  for (int32_t x = 0; x < width; ++x, row += bytesPerPixel) ++cube[cellOf(row[0], row[1], row[2])];
+}
+#endif
+
+}  // namespace ldr::colour
