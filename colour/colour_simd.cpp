@@ -115,51 +115,76 @@ VLOAD_WIDE uint32_t nearestWide(const uint32_t* redGreen, const uint32_t* blueWo
   return bestDistance > kFarthestDistance ? 0 : best;
 }
 
-// Sixteen pixels: their cells' slots by one gather, the resolved ones stored
-// at once (the low byte of a slot is its entry), the rest looked up in lane
-// order afterwards. With noise, the block's 48 offsets are one read from the
-// table, added with unsigned saturation (the positive and negative parts
-// apart), which is the plain code's clamp to 0..255. A noisy block with a
-// transparent pixel goes pixel by pixel: that pixel takes no offsets, so the
-// later ones shift.
+// Sixteen pixels (n of them at the row's end): their cells' slots by one
+// gather, the resolved ones stored at once (the low byte of a slot is its
+// entry), the rest looked up in lane order afterwards. With noise, the
+// block's 48 offsets are one read from the table, added with unsigned
+// saturation (the positive and negative parts apart), which is the plain
+// code's clamp to 0..255. A noisy block with a transparent pixel goes pixel
+// by pixel: that pixel takes no offsets, so the later ones shift. Returns
+// the noise position after the block.
+template <int kBytes, bool kNoise, bool kAlpha>
+VLOAD_WIDE inline uint32_t remapBlock(const RemapRows& job, const NearestCache::Ref& lookups, const uint8_t* p,
+                                      uint8_t* out, int32_t n, uint32_t position) noexcept {
+  const __mmask16 lanes = __mmask16((1u << n) - 1);
+  __m512i pixels = _mm512_maskz_loadu_epi8(pixelBytes(n, kBytes), p);
+  const __mmask16 clear =
+      kAlpha ? _mm512_mask_testn_epi32_mask(lanes, pixels, _mm512_set1_epi32(int32_t(0xFF000000))) : 0;
+  if (kNoise) {
+    if (clear) {
+      for (int32_t k = 0; k < n; ++k) out[k] = job.pixel(p + k * kBytes, position, lookups);
+      return position;
+    }
+    __m512i offsets = _mm512_loadu_si512(job.noise->run(position));
+    if (kBytes == 4) offsets = _mm512_maskz_permutexvar_epi8(kColourBytes, spreadIndex(), offsets);
+    const __m512i up = _mm512_max_epi8(offsets, _mm512_setzero_si512()), down = _mm512_sub_epi8(up, offsets);
+    pixels = _mm512_subs_epu8(_mm512_adds_epu8(pixels, up), down);
+    position += uint32_t(3 * n);
+  }
+  const __m512i colours = coloursOf(pixels, kBytes);
+  const __mmask16 opaque = lanes & ~clear;
+  __m512i slots = _mm512_mask_i32gather_epi32(_mm512_setzero_si512(), opaque, cellsOf(colours), lookups.slots, 2);
+  __mmask16 unresolved = _mm512_mask_test_epi32_mask(opaque, slots, _mm512_set1_epi32(0x8000));
+  if (kAlpha) slots = _mm512_mask_mov_epi32(slots, clear, _mm512_set1_epi32(job.transparent));
+  _mm512_mask_cvtepi32_storeu_epi8(out, lanes, slots);
+  if (!unresolved) [[likely]]
+    return position;
+  // Without noise the colours are still in the row; with noise, in the vector.
+  alignas(64) uint8_t noisy[64];
+  if (kNoise) _mm512_store_si512(noisy, colours);
+  for (; unresolved; unresolved &= __mmask16(unresolved - 1)) {
+    const int k = __builtin_ctz(unresolved);
+    const uint8_t* c = kNoise ? noisy + 4 * k : p + k * kBytes;
+    out[k] = lookups.lookup(c[0], c[1], c[2]);
+  }
+  return position;
+}
+
+template <int kBytes, bool kNoise, bool kAlpha>
+VLOAD_WIDE void remapRowAs(const RemapRows& job, const uint8_t* p, uint8_t* out, uint32_t position,
+                           const NearestCache::Ref& lookups) noexcept {
+  int32_t x = 0;
+  for (; x + kLanes <= job.width; x += kLanes)
+    position = remapBlock<kBytes, kNoise, kAlpha>(job, lookups, p + ptrdiff_t(x) * kBytes, out + x, kLanes, position);
+  if (x < job.width)
+    remapBlock<kBytes, kNoise, kAlpha>(job, lookups, p + ptrdiff_t(x) * kBytes, out + x, job.width - x, position);
+}
+
 VLOAD_WIDE void remapRowWide(const RemapRows& job, int32_t y, uint32_t position,
                              NearestCache& cache) noexcept {
-  const int32_t bpp = job.bytesPerPixel;
-  const uint8_t* row = rowOf(job.src, y, job.srcStride);
-  uint8_t* out = rowOf(job.dst, y, job.dstStride);
+  const RemapRows local = job;  // in registers, as the cache's Ref
   const NearestCache::Ref lookups = cache.ref();
-  const __m512i zero = _mm512_setzero_si512(), unresolvedBit = _mm512_set1_epi32(0x8000);
-  const __m512i alphaByte = _mm512_set1_epi32(int32_t(0xFF000000)), transparent = _mm512_set1_epi32(job.transparent);
-  for (int32_t x = 0; x < job.width; x += kLanes) {
-    const int32_t n = std::min(kLanes, job.width - x);
-    const __mmask16 lanes = __mmask16((1u << n) - 1);
-    const uint8_t* p = row + ptrdiff_t(x) * bpp;
-    __m512i pixels = _mm512_maskz_loadu_epi8(pixelBytes(n, bpp), p);
-    const __mmask16 clear = job.transparent >= 0 ? _mm512_mask_testn_epi32_mask(lanes, pixels, alphaByte) : 0;
-    if (job.noise) {
-      if (clear) {
-        for (int32_t k = 0; k < n; ++k) out[x + k] = job.pixel(p + k * bpp, position, lookups);
-        continue;
-      }
-      __m512i offsets = _mm512_loadu_si512(job.noise->run(position));
-      if (bpp == 4) offsets = _mm512_maskz_permutexvar_epi8(kColourBytes, spreadIndex(), offsets);
-      const __m512i up = _mm512_max_epi8(offsets, zero), down = _mm512_sub_epi8(up, offsets);
-      pixels = _mm512_subs_epu8(_mm512_adds_epu8(pixels, up), down);
-      position += uint32_t(3 * n);
-    }
-    const __m512i colours = coloursOf(pixels, bpp);
-    const __mmask16 opaque = lanes & ~clear;
-    const __m512i slots = _mm512_mask_i32gather_epi32(zero, opaque, cellsOf(colours), lookups.slots, 2);
-    __mmask16 unresolved = _mm512_mask_test_epi32_mask(opaque, slots, unresolvedBit);
-    _mm512_mask_cvtepi32_storeu_epi8(out + x, lanes, _mm512_mask_mov_epi32(slots, clear, transparent));
-    if (!unresolved) continue;
-    alignas(64) uint8_t c[64];
-    _mm512_store_si512(c, colours);
-    for (; unresolved; unresolved &= __mmask16(unresolved - 1)) {
-      const int k = __builtin_ctz(unresolved);
-      out[x + k] = lookups.lookup(c[4 * k], c[4 * k + 1], c[4 * k + 2]);
-    }
-  }
+  const uint8_t* p = rowOf(local.src, y, local.srcStride);
+  uint8_t* out = rowOf(local.dst, y, local.dstStride);
+  const bool alpha = local.transparent >= 0;  // only with 4 bytes a pixel
+  if (local.bytesPerPixel == 3)
+    return local.noise ? remapRowAs<3, true, false>(local, p, out, position, lookups)
+                       : remapRowAs<3, false, false>(local, p, out, position, lookups);
+  if (local.noise)
+    return alpha ? remapRowAs<4, true, true>(local, p, out, position, lookups)
+                 : remapRowAs<4, true, false>(local, p, out, position, lookups);
+  return alpha ? remapRowAs<4, false, true>(local, p, out, position, lookups)
+               : remapRowAs<4, false, false>(local, p, out, position, lookups);
 }
 
 // The cells of a stretch of the row first, then the counts: counted as soon
