@@ -154,13 +154,12 @@ struct RowSettings {
 template <class Index, int kBytes>
 struct Walk {
   using Slot = typename DitherCache<Index>::Slot;
-  const uint8_t* cur;  // this row's buffer, final
-  uint8_t* next;       // the next row's, taking shares
-  Index* out;
+  const uint8_t* cur;  // this row's buffer at this pixel's left neighbour, final
+  uint8_t* next;       // the next row's, at the same place, taking shares
+  Index* out;          // this pixel's index
   __m128i sum;         // this pixel before clamping
-  __m128i belowLeft, below;  // the next row at x - 1 and x, gathering shares
+  __m128i belowLeft, below;  // the next row's two pixels gathering shares
   uint32_t position;   // in the noise table
-  int32_t x;
 
   static __m128i load(const uint8_t* p) noexcept {
     uint32_t v;
@@ -184,19 +183,18 @@ struct Walk {
     next = nextRow;
     out = indices;
     position = k.noise ? nextRandom() : 0;
-    x = 0;
     sum = load(cur + kBytes);
     belowLeft = load(next);
     below = load(next + kBytes);
   }
-  // Pixel x. resolve(slot, rgb, walk) answers an open cell; it sees the walk
-  // as it stood before this pixel.
+  // One pixel. resolve(slot, rgb, walk) answers an open cell; it sees the
+  // walk as it stood before this pixel.
   template <class Resolve>
   void step(const RowSettings<Index>& k, Resolve&& resolve) noexcept {
     const __m128i packed = _mm_packus_epi16(sum, sum);
     __m128i error = _mm_setzero_si128();
-    if (k.transparent >= 0 && cur[(x + 1) * kBytes + 3] == 0) {  // no colour, so no error to share
-      out[x] = Index(k.transparent);
+    if (k.transparent >= 0 && cur[kBytes + 3] == 0) {  // no colour, so no error to share
+      *out = Index(k.transparent);
     } else {
       __m128i value = _mm_unpacklo_epi8(packed, _mm_setzero_si128());
       if (k.noise)
@@ -206,18 +204,20 @@ struct Walk {
       Slot& slot = k.slots[cellOfPacked(rgb)];
       const Slot entry = slot != k.empty ? slot : resolve(slot, rgb, *this);
       if (k.noise) position += 3;
-      out[x] = DitherCache<Index>::indexOf(entry);
+      *out = DitherCache<Index>::indexOf(entry);
       error = _mm_sub_epi16(value, _mm_unpacklo_epi8(_mm_cvtsi32_si128(int32_t(uint32_t(entry))), _mm_setzero_si128()));
     }
-    store(next + x * kBytes, _mm_add_epi16(belowLeft, _mm_mulhi_epi16(error, share(k, 3))));
+    store(next, _mm_add_epi16(belowLeft, _mm_mulhi_epi16(error, share(k, 3))));
     belowLeft = clamp(_mm_add_epi16(below, _mm_mulhi_epi16(error, share(k, 5))));
-    below = clamp(_mm_add_epi16(load(next + (x + 2) * kBytes), _mm_mulhi_epi16(error, share(k, 1))));
-    sum = _mm_add_epi16(load(cur + (x + 2) * kBytes), _mm_mulhi_epi16(error, share(k, 7)));
-    ++x;
+    below = clamp(_mm_add_epi16(load(next + 2 * kBytes), _mm_mulhi_epi16(error, share(k, 1))));
+    sum = _mm_add_epi16(load(cur + 2 * kBytes), _mm_mulhi_epi16(error, share(k, 7)));
+    cur += kBytes;
+    next += kBytes;
+    ++out;
   }
-  void finish(const RowSettings<Index>& k) noexcept {
-    store(next + k.width * kBytes, belowLeft);
-    store(next + (k.width + 1) * kBytes, below);
+  void finish() noexcept {
+    store(next, belowLeft);
+    store(next + kBytes, below);
   }
 };
 #else
@@ -229,19 +229,17 @@ struct Walk {
 template <class Index, int kBytes>
 struct Walk {
   using Slot = typename DitherCache<Index>::Slot;
-  const uint8_t* cur;
-  uint8_t* next;
+  const uint8_t* cur;  // this row's buffer at this pixel's left neighbour
+  uint8_t* next;       // the next row's, at the same place
   Index* out;
-  int32_t value[3], belowLeft[3], below[3];  // this pixel; next row at x - 1 and x
+  int32_t value[3], belowLeft[3], below[3];  // this pixel; the next row's two pixels
   uint32_t position;
-  int32_t x;
 
   void start(uint8_t* row, uint8_t* nextRow, Index* indices, const RowSettings<Index>& k) noexcept {
     cur = row;
     next = nextRow;
     out = indices;
     position = k.noise ? nextRandom() : 0;
-    x = 0;
     for (int c = 0; c < 3; ++c) {
       value[c] = cur[kBytes + c];
       belowLeft[c] = next[c];
@@ -250,17 +248,14 @@ struct Walk {
   }
   template <class Resolve>
   void step(const RowSettings<Index>& k, Resolve&& resolve) noexcept {
-    const uint8_t* right = cur + (x + 2) * kBytes;
-    uint8_t* finished = next + x * kBytes;  // next row at x - 1
-    const uint8_t* belowRight = finished + 2 * kBytes;
     int32_t error[3] = {0, 0, 0};
-    if (k.transparent >= 0 && cur[(x + 1) * kBytes + 3] == 0) {  // no colour, so no error to share
-      out[x] = Index(k.transparent);
+    if (k.transparent >= 0 && cur[kBytes + 3] == 0) {  // no colour, so no error to share
+      *out = Index(k.transparent);
     } else {
       const uint32_t rgb = uint32_t(value[0] | value[1] << 8 | value[2] << 16);
       Slot& slot = k.slots[cellOfPacked(rgb)];
       const Slot entry = slot != k.empty ? slot : resolve(slot, rgb, *this);
-      out[x] = DitherCache<Index>::indexOf(entry);
+      *out = DitherCache<Index>::indexOf(entry);
       for (int c = 0; c < 3; ++c) {
         error[c] = value[c] - int32_t(entry >> (8 * c) & 255);
         if (k.noise) error[c] += k.noise->at(position++);
@@ -270,18 +265,19 @@ struct Walk {
       // error * 7 >> 4 and the rest at full strength, (error * s * 7) >> 8
       // below it: the same numbers when s is 16.
       const int32_t e = error[c] * k.strength;
-      finished[c] = uint8_t(std::clamp(belowLeft[c] + (e * 3 >> 8), 0, 255));
+      next[c] = uint8_t(std::clamp(belowLeft[c] + (e * 3 >> 8), 0, 255));
       belowLeft[c] = std::clamp(below[c] + (e * 5 >> 8), 0, 255);
-      below[c] = std::clamp(belowRight[c] + (e >> 8), 0, 255);
-      value[c] = std::clamp(right[c] + (e * 7 >> 8), 0, 255);
+      below[c] = std::clamp(next[2 * kBytes + c] + (e >> 8), 0, 255);
+      value[c] = std::clamp(cur[2 * kBytes + c] + (e * 7 >> 8), 0, 255);
     }
-    ++x;
+    cur += kBytes;
+    next += kBytes;
+    ++out;
   }
-  void finish(const RowSettings<Index>& k) noexcept {
-    uint8_t* last = next + k.width * kBytes;
+  void finish() noexcept {
     for (int c = 0; c < 3; ++c) {
-      last[c] = uint8_t(belowLeft[c]);
-      last[kBytes + c] = uint8_t(below[c]);
+      next[c] = uint8_t(belowLeft[c]);
+      next[kBytes + c] = uint8_t(below[c]);
     }
   }
 };
@@ -349,29 +345,30 @@ class Pairs {
     };
     RowWalk upper, lower;
     upper.start(rows.row(y), rows.row(y + 1), upperOut, k);
-    while (upper.x < kLead) upper.step(k, alone);
+    for (int32_t i = 0; i < kLead; ++i) upper.step(k, alone);
     lower.start(rows.row(y + 1), rows.row(y + 2), lowerOut, k);
-    while (upper.x < k.width) {
+    const Index* const upperEnd = upperOut + k.width;
+    while (upper.out != upperEnd) {
       upper.step(k, upperResolve);
       if (backTo >= 0) {
         // The walk stored buffer pixels up to where it had reached; from
         // x + 2 on it reads them again, so they take their source back.
-        const int32_t reached = lower.x;
+        const ptrdiff_t reached = lower.out - lowerOut;
         lower = made_[backTo].before;
         forget(backTo);
-        if (!last) rows.fill(y + 2, size_t(lower.x) + 2, size_t(reached));
+        if (!last) rows.fill(y + 2, size_t(lower.out - lowerOut) + 2, size_t(reached));
         backTo = -1;
       }
       lower.step(k, lowerResolve);
     }
-    upper.finish(k);
+    upper.finish();
     for (int32_t i = 0; i < count_; ++i) {
       Slot& slot = k.slots[made_[i].cell];
       if (slot == empty_) slot = tentative_[made_[i].cell];
     }
     forget(0);
-    while (lower.x < k.width) lower.step(k, alone);
-    lower.finish(k);
+    while (lower.out != lowerOut + k.width) lower.step(k, alone);
+    lower.finish();
   }
 
  private:
@@ -420,8 +417,8 @@ void dither(const Request& q) noexcept {
     }
     Walk<Index, kBytes> walk;
     walk.start(rows.row(y), rows.row(y + 1), out(y), k);
-    while (walk.x < q.dstWidth) walk.step(k, alone);
-    walk.finish(k);
+    for (int32_t x = 0; x < q.dstWidth; ++x) walk.step(k, alone);
+    walk.finish();
     ++y;
   }
 }
