@@ -111,18 +111,26 @@ class Palette {
   // Copies count entries of R, G, B; flags (may be null) marks entries that
   // are never chosen. False when memory runs out.
   [[nodiscard]] bool assign(const uint8_t* map, int32_t count, const uint8_t* flags) noexcept;
-  // The nearest entry to (r, g, b), searched exhaustively.
-  uint32_t nearest(int32_t r, int32_t g, int32_t b) const noexcept;
+  // The nearest entry to (r, g, b): the same answer as an exhaustive search.
+  uint32_t nearest(int32_t r, int32_t g, int32_t b) noexcept;
 
  private:
-  // Plain: entries in planes of floats; wide: red and green as the two 16-bit
-  // halves of one word, blue in the low half of another. Both padded to whole
-  // blocks with entries too far away to win; a flagged entry is moved out
-  // there too.
-  Array<float> red_, green_, blue_;
+  static constexpr int32_t kRegions = 512;  // 8 x 8 x 8 regions of the cube, 32 values a side
+  void list(int32_t region) noexcept;
+
+  // Red and green as the two 16-bit halves of one word, blue in the low half
+  // of another; for the plain search of maps above 256 entries, planes of
+  // floats. Both padded to whole blocks with entries too far away to win; a
+  // flagged entry is moved out there too.
   Array<uint32_t> redGreen_, blueWords_;
+  Array<float> red_, green_, blue_;
+  // Maps of up to 256 entries: per region, the entries that can be nearest
+  // to some colour inside it, in map order (padded_ places a region).
+  Array<uint32_t> listRedGreen_, listBlue_;
+  Array<uint8_t> listIndex_;
+  int16_t listSize_[kRegions] = {};  // -1 until the region's list is made
   int32_t padded_ = 0;
-  bool wide_ = false;
+  bool wide_ = false, listed_ = false;
 };
 
 // Each cell holds its entry, or all ones while it is unresolved: one load
@@ -132,7 +140,7 @@ class Palette {
 class NearestCache {
  public:
   static constexpr uint16_t kUnresolved = 0xFFFF;
-  [[nodiscard]] bool init(const Palette& palette) noexcept {
+  [[nodiscard]] bool init(Palette& palette) noexcept {
     palette_ = &palette;
     slots_ = Array<uint16_t>(static_cast<uint16_t*>(std::malloc((kCells + 1) * sizeof(uint16_t))));
     if (slots_) std::memset(slots_.get(), 0xFF, (kCells + 1) * sizeof(uint16_t));
@@ -142,7 +150,7 @@ class NearestCache {
   // through any pointer could be the cache's own fields, never a local's.
   struct Ref {
     uint16_t* slots;
-    const Palette* palette;
+    Palette* palette;
     uint8_t lookup(uint32_t r, uint32_t g, uint32_t b) const noexcept {
       uint16_t& slot = slots[cellOf(r, g, b)];
       if (slot == kUnresolved) slot = uint16_t(palette->nearest(int32_t(r), int32_t(g), int32_t(b)));
@@ -152,7 +160,7 @@ class NearestCache {
   Ref ref() const noexcept { return {slots_.get(), palette_}; }
 
  private:
-  const Palette* palette_ = nullptr;
+  Palette* palette_ = nullptr;
   Array<uint16_t> slots_;
 };
 
@@ -216,8 +224,16 @@ void remapRows(const RemapRows& job, NearestCache& cache) noexcept;
 void remapRowPlain(const RemapRows& job, int32_t y, uint32_t position, NearestCache& cache) noexcept;
 
 // ---- Wide path (colour/colour_simd.cpp; only when useWideColour())
+// Entries as Palette keeps them: red | green << 16 and blue words, entries
+// that must never win at kFarWord in every channel.
+inline constexpr uint32_t kFarWord = 1000;
 uint32_t nearestWide(const uint32_t* redGreen, const uint32_t* blueWords, int32_t padded, int32_t r,
                      int32_t g, int32_t b) noexcept;
+// Copies into the lists the entries whose least squared distance to the
+// colours lo[c]..lo[c] + 31 is at most the smallest of all entries' largest;
+// returns how many.
+int32_t listWide(const uint32_t* redGreen, const uint32_t* blueWords, int32_t padded, const int32_t lo[3],
+                 uint32_t* listRedGreen, uint32_t* listBlue, uint8_t* listIndex) noexcept;
 // The same as remapRowPlain, sixteen pixels at a time.
 void remapRowWide(const RemapRows& job, int32_t y, uint32_t position, NearestCache& cache) noexcept;
 // Adds one row of pixels to the cube histogram.

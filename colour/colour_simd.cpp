@@ -84,6 +84,12 @@ VLOAD_WIDE __m512i coloursOf(__m512i pixels, int32_t bytesPerPixel) noexcept {
   return bytesPerPixel == 3 ? _mm512_permutexvar_epi8(spreadIndex(), pixels) : pixels;
 }
 
+// Squared distances from differences in 16-bit lanes: red and green, blue
+// and a zero.
+VLOAD_WIDE __m512i squares(__m512i dRedGreen, __m512i dBlue) noexcept {
+  return _mm512_add_epi32(_mm512_madd_epi16(dRedGreen, dRedGreen), _mm512_madd_epi16(dBlue, dBlue));
+}
+
 }  // namespace
 
 // The smallest key distance x 256 + index within a page of 256 entries is the
@@ -102,9 +108,7 @@ VLOAD_WIDE uint32_t nearestWide(const uint32_t* redGreen, const uint32_t* blueWo
     for (int32_t i = page; i < end; i += kLanes, index = _mm512_add_epi32(index, step)) {
       const __m512i dRedGreen = _mm512_sub_epi16(_mm512_loadu_si512(redGreen + i), pixelRedGreen);
       const __m512i dBlue = _mm512_sub_epi16(_mm512_loadu_si512(blueWords + i), pixelBlue);
-      const __m512i distance = _mm512_add_epi32(_mm512_madd_epi16(dRedGreen, dRedGreen),
-                                                _mm512_madd_epi16(dBlue, dBlue));
-      least = _mm512_min_epu32(least, _mm512_or_si512(_mm512_slli_epi32(distance, 8), index));
+      least = _mm512_min_epu32(least, _mm512_or_si512(_mm512_slli_epi32(squares(dRedGreen, dBlue), 8), index));
     }
     const uint32_t key = _mm512_reduce_min_epu32(least);
     if (key >> 8 < bestDistance) {
@@ -113,6 +117,42 @@ VLOAD_WIDE uint32_t nearestWide(const uint32_t* redGreen, const uint32_t* blueWo
     }
   }
   return bestDistance > kFarthestDistance ? 0 : best;
+}
+
+// Sixteen entries at a time, in 16-bit lanes as the search has them (blue
+// with a zero beside it, which stays zero): per channel the largest and the
+// least distance to lo..lo + 31, squared and summed by multiply-adds. The
+// listed lanes are packed together and stored, as many as there are.
+VLOAD_WIDE int32_t listWide(const uint32_t* redGreen, const uint32_t* blueWords, int32_t padded,
+                            const int32_t lo[3], uint32_t* listRedGreen, uint32_t* listBlue,
+                            uint8_t* listIndex) noexcept {
+  const __m512i loRedGreen = _mm512_set1_epi32(lo[0] | lo[1] << 16), loBlue = _mm512_set1_epi32(lo[2]);
+  const __m512i hiRedGreen = _mm512_set1_epi32((lo[0] + 31) | (lo[1] + 31) << 16);
+  const __m512i hiBlue = _mm512_set1_epi32(lo[2] + 31), zero = _mm512_setzero_si512();
+  const __m512i far = _mm512_set1_epi32(int32_t(kFarWord | kFarWord << 16));
+  __m512i reach = _mm512_set1_epi32(-1);
+  for (int32_t i = 0; i < padded; i += kLanes) {
+    const __m512i rg = _mm512_loadu_si512(redGreen + i), b = _mm512_loadu_si512(blueWords + i);
+    const __m512i most = squares(_mm512_max_epi16(_mm512_sub_epi16(rg, loRedGreen), _mm512_sub_epi16(hiRedGreen, rg)),
+                                 _mm512_max_epi16(_mm512_sub_epi16(b, loBlue), _mm512_sub_epi16(hiBlue, b)));
+    reach = _mm512_mask_min_epu32(reach, _mm512_cmpneq_epi32_mask(rg, far), reach, most);
+  }
+  reach = _mm512_set1_epi32(int32_t(_mm512_reduce_min_epu32(reach)));
+  int32_t n = 0;
+  __m512i index = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+  for (int32_t i = 0; i < padded; i += kLanes, index = _mm512_add_epi32(index, _mm512_set1_epi32(kLanes))) {
+    const __m512i rg = _mm512_loadu_si512(redGreen + i), b = _mm512_loadu_si512(blueWords + i);
+    const __m512i beyondRedGreen = _mm512_max_epi16(_mm512_sub_epi16(loRedGreen, rg), _mm512_sub_epi16(rg, hiRedGreen));
+    const __m512i beyondBlue = _mm512_max_epi16(_mm512_sub_epi16(loBlue, b), _mm512_sub_epi16(b, hiBlue));
+    const __m512i least = squares(_mm512_max_epi16(beyondRedGreen, zero), _mm512_max_epi16(beyondBlue, zero));
+    const __mmask16 listed = _mm512_mask_cmple_epu32_mask(_mm512_cmpneq_epi32_mask(rg, far), least, reach);
+    const __mmask16 stored = __mmask16((1u << __builtin_popcount(listed)) - 1);
+    _mm512_mask_storeu_epi32(listRedGreen + n, stored, _mm512_maskz_compress_epi32(listed, rg));
+    _mm512_mask_storeu_epi32(listBlue + n, stored, _mm512_maskz_compress_epi32(listed, b));
+    _mm512_mask_cvtepi32_storeu_epi8(listIndex + n, stored, _mm512_maskz_compress_epi32(listed, index));
+    n += __builtin_popcount(listed);
+  }
+  return n;
 }
 
 // Sixteen pixels (n of them at the row's end): their cells' slots by one
@@ -215,6 +255,10 @@ VLOAD_WIDE void countCellsWide(const uint8_t* row, int32_t width, int32_t bytesP
 // Without x86-64 useWideColour() is false and these are never called; they
 // do what the plain code does so that the library links everywhere.
 uint32_t nearestWide(const uint32_t*, const uint32_t*, int32_t, int32_t, int32_t, int32_t) noexcept { return 0; }
+
+int32_t listWide(const uint32_t*, const uint32_t*, int32_t, const int32_t*, uint32_t*, uint32_t*, uint8_t*) noexcept {
+  return 0;
+}
 
 void remapRowWide(const RemapRows& job, int32_t y, uint32_t position, NearestCache& cache) noexcept {
   remapRowPlain(job, y, position, cache);

@@ -98,7 +98,7 @@ class DitherCache {
   using Slot = std::conditional_t<sizeof(Index) == 1, uint32_t, uint64_t>;
   static constexpr int kIndexShift = sizeof(Index) == 1 ? 24 : 32;
 
-  [[nodiscard]] bool init(const Palette& palette, const uint8_t* map) noexcept {
+  [[nodiscard]] bool init(Palette& palette, const uint8_t* map) noexcept {
     palette_ = &palette;
     map_ = map;
     empty_ = slotOf(0) ^ 1;
@@ -120,7 +120,7 @@ class DitherCache {
     return Slot(e[0]) | Slot(e[1]) << 8 | Slot(e[2]) << 16 | Slot(i) << kIndexShift;
   }
 
-  const Palette* palette_ = nullptr;
+  Palette* palette_ = nullptr;
   const uint8_t* map_ = nullptr;
   Slot empty_ = 0;
   Array<Slot> slots_;

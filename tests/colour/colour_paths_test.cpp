@@ -1,7 +1,8 @@
-// The colour tools' wide vector path against the plain one: the nearest-entry
-// search on maps with ties, flags and more than 256 entries, and whole
-// remaps, quantizations and ditherings of odd widths, strides, transparency
-// and noise, which must agree byte for byte (noise from the same seed).
+// The colour tools' code paths: the nearest-entry search of each against an
+// exhaustive one, on maps with ties, flags, crowding and more than 256
+// entries; and whole remaps, quantizations and ditherings of odd widths,
+// strides, transparency and noise, on the wide path against the plain one,
+// byte for byte (noise from the same seed).
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -35,34 +36,49 @@ void expectPathsAgree(const std::function<Bytes()>& tool) {
   EXPECT_EQ(got[1], got[0]);
 }
 
-TEST(ColourWide, NearestEntryMatchesThePlainSearch) {
-  SKIP_WITHOUT_WIDE_UNITS();
+TEST(ColourNearest, EveryPathGivesTheExhaustiveSearchsEntry) {
+  // Random entries with near twins across the 256-entry border and an exact
+  // twin; a map crowded into one corner, where the candidate lists of the
+  // far regions hold nearly every entry; twins that sit exactly either side
+  // of region borders, so that colours on a border tie.
   Bytes map = vtest::randomPixels(700, 1, 3, 8);
-  for (int i = 0; i < 60; ++i) map[3 * size_t(300 + i)] ^= 1;  // near twins across the page border
-  std::copy_n(map.begin() + 30, 3, map.begin() + 3 * 420);      // an exact twin in a later page
-  std::vector<uint8_t> flags(700, 0);
+  for (int i = 0; i < 60; ++i) map[3 * size_t(230 + i)] ^= 1;
+  std::copy_n(map.begin() + 30, 3, map.begin() + 3 * 420);
+  Bytes corner = vtest::randomPixels(200, 1, 3, 10);
+  for (uint8_t& v : corner) v = uint8_t(200 + v % 56);
+  Bytes borders;
+  for (int v = 31; v < 255; v += 32)
+    for (const int d : {-1, 1, 0}) borders.insert(borders.end(), {uint8_t(v + d), uint8_t(255 - v), uint8_t(v + d)});
+  // (31, 31, 31) is as far from the second entry as any colour of its
+  // region can be, and as near the first as any can be: the first must stay
+  // listed.
+  const Bytes reachTie = {47, 47, 47, 15, 15, 15};
+  std::vector<uint8_t> flags(700, 0), allFlagged(700, 1);
   for (size_t i = 0; i < flags.size(); i += 7) flags[i] = 1;
-  struct Case { const char* name; int32_t count; const uint8_t* flags; };
-  const std::vector<uint8_t> allFlagged(700, 1);
-  const Case cases[] = {{"one entry", 1, nullptr},       {"17 entries", 17, nullptr},
-                        {"256 flagged", 256, flags.data()}, {"700 entries", 700, nullptr},
-                        {"700 flagged", 700, flags.data()}, {"all flagged", 40, allFlagged.data()}};
-  const Bytes colours = vtest::randomPixels(4000, 1, 3, 9);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    ldr::colour::Palette palettes[2];
-    for (int i = 0; i < 2; ++i) {
-      const ForcePath path(i ? ColourPath::Wide : ColourPath::Plain);
-      ASSERT_TRUE(palettes[i].assign(map.data(), c.count, c.flags));
+  struct Case { const char* name; const Bytes* map; int32_t count; const uint8_t* flags; };
+  const Case cases[] = {{"one entry", &map, 1, nullptr},          {"17 entries", &map, 17, nullptr},
+                        {"256 flagged", &map, 256, flags.data()},  {"700 entries", &map, 700, nullptr},
+                        {"700 flagged", &map, 700, flags.data()},  {"all flagged", &map, 40, allFlagged.data()},
+                        {"crowded corner", &corner, 200, nullptr}, {"border twins", &borders, 21, nullptr},
+                        {"tie at the reach", &reachTie, 2, nullptr}};
+  Bytes colours = vtest::randomPixels(3000, 1, 3, 9);
+  const int grid[] = {0, 1, 30, 31, 32, 33, 95, 96, 127, 128, 159, 223, 224, 254, 255};
+  for (const int r : grid)
+    for (const int g : grid)
+      for (const int b : grid) colours.insert(colours.end(), {uint8_t(r), uint8_t(g), uint8_t(b)});
+  for (const ColourPath p : {ColourPath::Plain, ColourPath::Wide}) {
+    if (!ldr::colour::colourPathAvailable(p)) continue;
+    const ForcePath path(p);
+    for (const Case& c : cases) {
+      SCOPED_TRACE(testing::Message() << c.name << (p == ColourPath::Wide ? ", wide" : ", plain"));
+      ldr::colour::Palette palette;
+      ASSERT_TRUE(palette.assign(c.map->data(), c.count, c.flags));
+      for (size_t k = 0; k < colours.size(); k += 3) {
+        const int32_t r = colours[k], g = colours[k + 1], b = colours[k + 2];
+        ASSERT_EQ(palette.nearest(r, g, b), vtest::nearestEntry(c.map->data(), c.count, r, g, b, c.flags))
+            << r << "," << g << "," << b;
+      }
     }
-    for (size_t k = 0; k < colours.size(); k += 3) {
-      const int32_t r = colours[k], g = colours[k + 1], b = colours[k + 2];
-      ASSERT_EQ(palettes[1].nearest(r, g, b), palettes[0].nearest(r, g, b)) << r << "," << g << "," << b;
-    }
-    // Ties: an entry's own colour finds the first entry of that colour.
-    for (int32_t e = 0; e < c.count; e += 5)
-      ASSERT_EQ(palettes[1].nearest(map[3 * e], map[3 * e + 1], map[3 * e + 2]),
-                palettes[0].nearest(map[3 * e], map[3 * e + 1], map[3 * e + 2]));
   }
 }
 
