@@ -5,6 +5,7 @@
 // Every case also reports "MSE": the mean squared error per channel of its
 // result against the source (for the halved picture, against the source
 // scaled the same way), so that speed is never bought with quality unnoticed.
+// Cases named "plain" run the code that processors without AVX-512 get.
 // libimagequant reads RGBA only: it gets the same pixels with alpha 255,
 // converted once, outside the timing.
 #include <libimagequant.h>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "bench/bench.h"
+#include "colour/colour.h"
 #include "tests/support/colour_pictures.h"
 #include "vload.h"
 
@@ -64,6 +66,14 @@ const Palette& palette256() {
   return p;
 }
 
+// The code path of one case (per thread, as the tools read it).
+struct Path {
+  explicit Path(bool plain) {
+    ldr::colour::forceColourPath(plain ? ldr::colour::ColourPath::Plain : ldr::colour::ColourPath::Auto);
+  }
+  ~Path() { ldr::colour::forceColourPath(ldr::colour::ColourPath::Auto); }
+};
+
 void finish(benchmark::State& s, const std::vector<uint8_t>& indices, int32_t w, int32_t h,
             const uint8_t* map) {
   vbench::megapixels(s, kPixels);
@@ -83,9 +93,10 @@ void BM_Quantize(benchmark::State& s, int32_t colours) {
   s.counters["colours"] = p.count;
 }
 
-void BM_Dither(benchmark::State& s, int32_t divisor) {
+void BM_Dither(benchmark::State& s, int32_t divisor, bool plain) {
   const vtest::Bytes& src = photo(3);
   const Palette& p = palette256();
+  const Path path(plain);
   const int32_t w = kWidth / divisor, h = kHeight / divisor;
   std::vector<uint8_t> indices(size_t(w) * h);
   for (auto _ : s) {
@@ -110,9 +121,10 @@ void BM_QuantizeDither(benchmark::State& s) {
   finish(s, indices, kWidth, kHeight, p.map);
 }
 
-void BM_Remap(benchmark::State& s, int32_t noise) {
+void BM_Remap(benchmark::State& s, int32_t noise, bool plain) {
   const vtest::Bytes& src = photo(3);
   const Palette& p = palette256();
+  const Path path(plain);
   std::vector<uint8_t> indices(size_t(kWidth) * kHeight);
   for (auto _ : s) {
     trueColorRemapToCmap(src.data(), kWidth * 3, indices.data(), kWidth, kWidth, kHeight, p.map,
@@ -164,11 +176,13 @@ void BM_Imagequant(benchmark::State& s, bool dither) {
 #define COLOUR_CASE(...) __VA_ARGS__->Unit(benchmark::kMillisecond)->UseRealTime()
 COLOUR_CASE(BENCHMARK_CAPTURE(BM_Quantize, colours256, 256));
 COLOUR_CASE(BENCHMARK_CAPTURE(BM_Quantize, colours16, 16));
-COLOUR_CASE(BENCHMARK_CAPTURE(BM_Dither, same_size, 1));
-COLOUR_CASE(BENCHMARK_CAPTURE(BM_Dither, half_size, 2));
+COLOUR_CASE(BENCHMARK_CAPTURE(BM_Dither, same_size, 1, false));
+COLOUR_CASE(BENCHMARK_CAPTURE(BM_Dither, same_size_plain, 1, true));
+COLOUR_CASE(BENCHMARK_CAPTURE(BM_Dither, half_size, 2, false));
 COLOUR_CASE(BENCHMARK(BM_QuantizeDither));
-COLOUR_CASE(BENCHMARK_CAPTURE(BM_Remap, noise0, 0));
-COLOUR_CASE(BENCHMARK_CAPTURE(BM_Remap, noise20, 20));
+COLOUR_CASE(BENCHMARK_CAPTURE(BM_Remap, noise0, 0, false));
+COLOUR_CASE(BENCHMARK_CAPTURE(BM_Remap, noise0_plain, 0, true));
+COLOUR_CASE(BENCHMARK_CAPTURE(BM_Remap, noise20, 20, false));
 COLOUR_CASE(BENCHMARK(BM_MemoryPass));
 COLOUR_CASE(BENCHMARK_CAPTURE(BM_Imagequant, plain, false));
 COLOUR_CASE(BENCHMARK_CAPTURE(BM_Imagequant, dithered, true));

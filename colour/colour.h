@@ -11,7 +11,7 @@
 // exhaustively and its answer serves every later colour of that cell, even
 // where that colour's own nearest entry differs. The approximation is
 // deliberate: it bounds the searches to one per used cell. The cache is
-// allocated per call (512 KB for 8-bit indices, 1 MB for 16-bit).
+// allocated per call (512 KB here; the ditherer keeps its own, with colours).
 #pragma once
 
 #include <cstddef>
@@ -29,6 +29,7 @@ inline constexpr int32_t kMaxColours16 = 65536;   // 16-bit indices
 inline constexpr uint32_t kCells = 1u << 18;      // 64 x 64 x 64 cube cells
 inline constexpr int32_t kMaxNoise = 100;
 inline constexpr int32_t kMaxStrength = 16;
+inline constexpr uint32_t kFarthestDistance = 3 * 255 * 255;  // squared, inside the cube
 
 // Cube cell of a colour: 6 bits a channel, red most significant.
 constexpr uint32_t cellOf(uint32_t r, uint32_t g, uint32_t b) noexcept {
@@ -92,45 +93,75 @@ class ExactColours {
   int32_t lastEntry_ = -1;
 };
 
+// ---- Code paths
+// Which code the tools run: the widest this processor has (Auto), or one
+// chosen by tests and benchmarks. Plain is what every processor runs (SSE2 on
+// x86-64); Wide needs AVX-512 F/BW/VL/VBMI (colour/colour_simd.cpp). Per
+// thread, and read when a tool starts.
+enum class ColourPath : uint8_t { Auto, Plain, Wide };
+void forceColourPath(ColourPath path) noexcept;
+// True when the processor has what `path` needs (Auto and Plain always).
+bool colourPathAvailable(ColourPath path) noexcept;
+// True when the next tool is to run the wide path.
+bool useWideColour() noexcept;
+
 // ---- Nearest colour
 class Palette {
  public:
   // Copies count entries of R, G, B; flags (may be null) marks entries that
   // are never chosen. False when memory runs out.
   [[nodiscard]] bool assign(const uint8_t* map, int32_t count, const uint8_t* flags) noexcept;
-  // The nearest entry to (r, g, b), searched exhaustively.
-  uint32_t nearest(int32_t r, int32_t g, int32_t b) const noexcept;
+  // The nearest entry to (r, g, b): the same answer as an exhaustive search.
+  uint32_t nearest(int32_t r, int32_t g, int32_t b) noexcept;
 
  private:
-  // Entries in planes, padded to whole blocks with entries too far away to
-  // win; a flagged entry is moved out there too.
+  static constexpr int32_t kRegions = 512;  // 8 x 8 x 8 regions of the cube, 32 values a side
+  void list(int32_t region) noexcept;
+
+  // Red and green as the two 16-bit halves of one word, blue in the low half
+  // of another; for the plain search of maps above 256 entries, planes of
+  // floats. Both padded to whole blocks with entries too far away to win; a
+  // flagged entry is moved out there too.
+  Array<uint32_t> redGreen_, blueWords_;
   Array<float> red_, green_, blue_;
+  // Maps of up to 256 entries: per region, the entries that can be nearest
+  // to some colour inside it, in map order (padded_ places a region).
+  Array<uint32_t> listRedGreen_, listBlue_;
+  Array<uint8_t> listIndex_;
+  int16_t listSize_[kRegions] = {};  // -1 until the region's list is made
   int32_t padded_ = 0;
+  bool wide_ = false, listed_ = false;
 };
 
 // Each cell holds its entry, or all ones while it is unresolved: one load
-// answers both questions (resolved? which entry?), which matters on the
-// ditherer's critical path. Entries are one size wider than Index for that.
-template <class Index>
+// answers both questions (resolved? which entry?). Slots are 16 bits wide for
+// that, and one more slot than there are cells lets a vector gather read every
+// slot as the low half of a 32-bit word.
 class NearestCache {
-  using Slot = std::conditional_t<sizeof(Index) == 1, uint16_t, uint32_t>;
-
  public:
-  [[nodiscard]] bool init(const Palette& palette) noexcept {
+  static constexpr uint16_t kUnresolved = 0xFFFF;
+  [[nodiscard]] bool init(Palette& palette) noexcept {
     palette_ = &palette;
-    slots_ = Array<Slot>(static_cast<Slot*>(std::malloc(kCells * sizeof(Slot))));
-    if (slots_) std::memset(slots_.get(), 0xFF, kCells * sizeof(Slot));
+    slots_ = Array<uint16_t>(static_cast<uint16_t*>(std::malloc((kCells + 1) * sizeof(uint16_t))));
+    if (slots_) std::memset(slots_.get(), 0xFF, (kCells + 1) * sizeof(uint16_t));
     return bool(slots_);
   }
-  Index lookup(uint32_t r, uint32_t g, uint32_t b) noexcept {
-    Slot& slot = slots_[cellOf(r, g, b)];
-    if (slot == Slot(~Slot(0))) slot = Slot(palette_->nearest(int32_t(r), int32_t(g), int32_t(b)));
-    return Index(slot);
-  }
+  // What a lookup needs, as a copy that stays in registers: a byte stored
+  // through any pointer could be the cache's own fields, never a local's.
+  struct Ref {
+    uint16_t* slots;
+    Palette* palette;
+    uint8_t lookup(uint32_t r, uint32_t g, uint32_t b) const noexcept {
+      uint16_t& slot = slots[cellOf(r, g, b)];
+      if (slot == kUnresolved) slot = uint16_t(palette->nearest(int32_t(r), int32_t(g), int32_t(b)));
+      return uint8_t(slot);
+    }
+  };
+  Ref ref() const noexcept { return {slots_.get(), palette_}; }
 
  private:
-  const Palette* palette_ = nullptr;
-  Array<Slot> slots_;
+  Palette* palette_ = nullptr;
+  Array<uint16_t> slots_;
 };
 
 // The first entry whose transparent flag is set, or -1.
@@ -145,16 +176,67 @@ uint32_t nextRandom() noexcept;
 // Restarts the calling thread's sequence (tests use it to repeat a run).
 void seedRandom(uint64_t seed) noexcept;
 
-// 32768 offsets in -noise..noise, read from a position drawn per row.
+// 32768 offsets in -noise..noise, read from a position drawn per row and
+// wrapping at the end. The first kRunBytes offsets are repeated after the
+// last, so that a run of that many from any position is one plain read.
 class NoiseTable {
  public:
   static constexpr uint32_t kMask = 32767;
+  static constexpr uint32_t kRunBytes = 64;
   // noise in 1..kMaxNoise
   explicit NoiseTable(int32_t noise) noexcept;
   int32_t at(uint32_t position) const noexcept { return offsets_[position & kMask]; }
+  // The offsets at position, position + 1, ... (kRunBytes of them).
+  const int8_t* run(uint32_t position) const noexcept { return &offsets_[position & kMask]; }
 
  private:
-  int8_t offsets_[kMask + 1];
+  int8_t offsets_[kMask + 1 + kRunBytes];
 };
+
+// ---- Remapping rows
+// Pixels mapped through the cache, optionally with noise: the remapper's
+// work, and the quantizer's last step.
+struct RemapRows {
+  const uint8_t* src;
+  int32_t srcStride;
+  uint8_t* dst;
+  int32_t dstStride;
+  int32_t width, height, bytesPerPixel;
+  int32_t transparent;      // the index of pixels of alpha 0, or -1: alpha is ignored
+  const NoiseTable* noise;  // or null
+
+  // One pixel's index. Each opaque pixel takes the next three offsets of a
+  // noisy row, from `position`.
+  uint8_t pixel(const uint8_t* p, uint32_t& position, NearestCache::Ref cache) const noexcept {
+    if (transparent >= 0 && p[3] == 0) return uint8_t(transparent);
+    if (!noise) return cache.lookup(p[0], p[1], p[2]);
+    const int32_t r = clampByte(p[0] + noise->at(position));
+    const int32_t g = clampByte(p[1] + noise->at(position + 1));
+    const int32_t b = clampByte(p[2] + noise->at(position + 2));
+    position += 3;
+    return cache.lookup(uint32_t(r), uint32_t(g), uint32_t(b));
+  }
+  static constexpr int32_t clampByte(int32_t v) noexcept { return v < 0 ? 0 : v > 255 ? 255 : v; }
+};
+// Every row; a noisy row draws its start position first.
+void remapRows(const RemapRows& job, NearestCache& cache) noexcept;
+// One row of job, pixel by pixel, with noise from `position` on.
+void remapRowPlain(const RemapRows& job, int32_t y, uint32_t position, NearestCache& cache) noexcept;
+
+// ---- Wide path (colour/colour_simd.cpp; only when useWideColour())
+// Entries as Palette keeps them: red | green << 16 and blue words, entries
+// that must never win at kFarWord in every channel.
+inline constexpr uint32_t kFarWord = 1000;
+uint32_t nearestWide(const uint32_t* redGreen, const uint32_t* blueWords, int32_t padded, int32_t r,
+                     int32_t g, int32_t b) noexcept;
+// Copies into the lists the entries whose least squared distance to the
+// colours lo[c]..lo[c] + 31 is at most the smallest of all entries' largest;
+// returns how many.
+int32_t listWide(const uint32_t* redGreen, const uint32_t* blueWords, int32_t padded, const int32_t lo[3],
+                 uint32_t* listRedGreen, uint32_t* listBlue, uint8_t* listIndex) noexcept;
+// The same as remapRowPlain, sixteen pixels at a time.
+void remapRowWide(const RemapRows& job, int32_t y, uint32_t position, NearestCache& cache) noexcept;
+// Adds one row of pixels to the cube histogram.
+void countCellsWide(const uint8_t* row, int32_t width, int32_t bytesPerPixel, uint64_t* cube) noexcept;
 
 }  // namespace ldr::colour

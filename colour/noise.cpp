@@ -35,7 +35,8 @@ void seedRandom(uint64_t seed) noexcept {
 
 NoiseTable::NoiseTable(int32_t noise) noexcept {
   const uint32_t span = uint32_t(2 * noise + 1);
-  for (int8_t& o : offsets_) o = int8_t(int32_t((nextRandom() >> 3) % span) - noise);
+  for (uint32_t i = 0; i <= kMask; ++i) offsets_[i] = int8_t(int32_t((nextRandom() >> 3) % span) - noise);
+  std::memcpy(offsets_ + kMask + 1, offsets_, kRunBytes);
 }
 
 }  // namespace ldr::colour

@@ -284,24 +284,25 @@ void quantizePixels(const Request& q) noexcept {
   MedianCut cut;
   if (!cut.init(wanted - transparent)) return;
   uint64_t* cube = cut.cube();
+  const bool wide = useWideColour();
   for (int32_t y = 0; y < q.height; ++y) {
     const uint8_t* p = rowOf(q.src, y, q.srcStride);
+    if (wide) {
+      countCellsWide(p, q.width, q.bytesPerPixel, cube);
+      continue;
+    }
     for (int32_t x = 0; x < q.width; ++x, p += q.bytesPerPixel) ++cube[cellOf(p[0], p[1], p[2])];
   }
   const int32_t boxes = cut.run(wanted - transparent, uint64_t(q.width) * uint64_t(q.height));
   uint8_t map[kMaxColours * 3], flags[kMaxColours];
   const int32_t count = finishMap(cut, boxes, transparent, map, flags);
-  const uint8_t transparentIndex = uint8_t(boxes);
 
   Palette palette;
-  NearestCache<uint8_t> cache;
+  NearestCache cache;
   if (!palette.assign(map, count, flags) || !cache.init(palette)) return;
-  for (int32_t y = 0; y < q.height; ++y) {
-    const uint8_t* p = rowOf(q.src, y, q.srcStride);
-    uint8_t* out = rowOf(q.dst, y, q.dstStride);
-    for (int32_t x = 0; x < q.width; ++x, p += q.bytesPerPixel)
-      out[x] = transparent && p[3] == 0 ? transparentIndex : cache.lookup(p[0], p[1], p[2]);
-  }
+  remapRows({q.src, q.srcStride, q.dst, q.dstStride, q.width, q.height, q.bytesPerPixel,
+             transparent ? boxes : -1, nullptr},
+            cache);
   std::memcpy(q.map, map, size_t(count) * 3);
   if (q.flags) std::memcpy(q.flags, flags, kMaxColours);
   *q.count = count;

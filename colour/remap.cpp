@@ -8,6 +8,24 @@
 #include "vload.h"
 
 namespace ldr::colour {
+
+void remapRowPlain(const RemapRows& job, int32_t y, uint32_t position, NearestCache& cache) noexcept {
+  const RemapRows local = job;  // in registers, as the cache's Ref
+  const NearestCache::Ref lookups = cache.ref();
+  const uint8_t* p = rowOf(local.src, y, local.srcStride);
+  uint8_t* out = rowOf(local.dst, y, local.dstStride);
+  if (!local.noise && local.transparent < 0) {  // the common case, without its tests per pixel
+    for (int32_t x = 0; x < local.width; ++x, p += local.bytesPerPixel) out[x] = lookups.lookup(p[0], p[1], p[2]);
+    return;
+  }
+  for (int32_t x = 0; x < local.width; ++x, p += local.bytesPerPixel) out[x] = local.pixel(p, position, lookups);
+}
+
+void remapRows(const RemapRows& job, NearestCache& cache) noexcept {
+  const auto row = useWideColour() ? remapRowWide : remapRowPlain;
+  for (int32_t y = 0; y < job.height; ++y) row(job, y, job.noise ? nextRandom() : 0, cache);
+}
+
 namespace {
 
 int32_t remap(const uint8_t* src, int32_t srcStride, uint8_t* dst, int32_t dstStride,
@@ -17,35 +35,14 @@ int32_t remap(const uint8_t* src, int32_t srcStride, uint8_t* dst, int32_t dstSt
       !pictureOk(dst, dstStride, width, height, 1) || !map || count < 1 || count > kMaxColours)
     return 0;
   Palette palette;
-  NearestCache<uint8_t> cache;
+  NearestCache cache;
   if (!palette.assign(map, count, flags) || !cache.init(palette)) return 0;
-  const int32_t transparent = bytesPerPixel == 4 ? firstFlagged(flags, count) : -1;
   noiseLevel = std::clamp(noiseLevel, 0, kMaxNoise);
   std::optional<NoiseTable> noise;
   if (noiseLevel > 0) noise.emplace(noiseLevel);
-
-  for (int32_t y = 0; y < height; ++y) {
-    const uint8_t* p = rowOf(src, y, srcStride);
-    uint8_t* out = rowOf(dst, y, dstStride);
-    if (!noise) {
-      for (int32_t x = 0; x < width; ++x, p += bytesPerPixel)
-        out[x] = transparent >= 0 && p[3] == 0 ? uint8_t(transparent)
-                                               : cache.lookup(p[0], p[1], p[2]);
-      continue;
-    }
-    uint32_t position = nextRandom();
-    for (int32_t x = 0; x < width; ++x, p += bytesPerPixel) {
-      if (transparent >= 0 && p[3] == 0) {
-        out[x] = uint8_t(transparent);
-        continue;
-      }
-      const int32_t r = std::clamp(p[0] + noise->at(position), 0, 255);
-      const int32_t g = std::clamp(p[1] + noise->at(position + 1), 0, 255);
-      const int32_t b = std::clamp(p[2] + noise->at(position + 2), 0, 255);
-      position += 3;
-      out[x] = cache.lookup(uint32_t(r), uint32_t(g), uint32_t(b));
-    }
-  }
+  remapRows({src, srcStride, dst, dstStride, width, height, bytesPerPixel,
+             bytesPerPixel == 4 ? firstFlagged(flags, count) : -1, noise ? &*noise : nullptr},
+            cache);
   return 1;
 }
 
