@@ -17,18 +17,6 @@
 namespace ldr {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kAddressSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kAddressSanitizer = true;
-#else
-constexpr bool kAddressSanitizer = false;
-#endif
-#else
-constexpr bool kAddressSanitizer = false;
-#endif
-
 constexpr size_t kHugePage = size_t{2} << 20;
 
 }  // namespace
@@ -39,7 +27,7 @@ void ReleaseLargeBlock::operator()(uint8_t* p) const noexcept {
 }
 
 LargeBlock allocLargeBlock(size_t n) noexcept {
-  if (kAddressSanitizer || n < kLargeBlock || n > SIZE_MAX / 2)
+  if (kLargeBlocksOnHeap || n < kLargeBlock || n > SIZE_MAX / 2)
     return LargeBlock(static_cast<uint8_t*>(std::calloc(n ? n : 1, 1)));
   const size_t length = (n + kHugePage - 1) & ~(kHugePage - 1);
   // Over-map by one huge page, then give back the unaligned head and tail.

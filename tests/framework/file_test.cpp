@@ -9,18 +9,6 @@
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kHeapOnly = true;  // the sanitizer keeps every block on its heap
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kHeapOnly = true;
-#else
-constexpr bool kHeapOnly = false;
-#endif
-#else
-constexpr bool kHeapOnly = false;
-#endif
-
 TEST(LargeBlock, ZeroedWritableAndAlignedWhenLarge) {
   constexpr size_t kHugePage = size_t{2} << 20;
   for (const size_t n : {size_t{0}, size_t{1}, ldr::kLargeBlock - 1, ldr::kLargeBlock, 3 * kHugePage + 12345}) {
@@ -32,7 +20,7 @@ TEST(LargeBlock, ZeroedWritableAndAlignedWhenLarge) {
     EXPECT_EQ(b[n - 1], 0);
     std::memset(b.get(), 0xA5, n);  // every byte is ours
     EXPECT_EQ(b[n - 1], 0xA5);
-    if (n >= ldr::kLargeBlock && !kHeapOnly) {
+    if (n >= ldr::kLargeBlock && !ldr::kLargeBlocksOnHeap) {
       EXPECT_EQ(reinterpret_cast<uintptr_t>(b.get()) % kHugePage, 0u);
     }
   }

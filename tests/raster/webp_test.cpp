@@ -122,12 +122,7 @@ TEST(WebpPieces, SmallPiecesChangeNothing) {
   };
   for (const bool alpha : {false, true})
     for (const bool lossless : {true, false}) {
-      WebpPicture s;
-      s.alpha = alpha;
-      s.lossless = lossless;
-      s.width = 61;
-      s.height = 45;
-      const Bytes file = vtest::webpFile(s);
+      const Bytes file = vtest::webpFile({.width = 61, .height = 45, .alpha = alpha, .lossless = lossless});
       const Bytes want = decodedAtOnce(file, alpha);
       const TempFile f(file, ".webp");
       for (const size_t piece : {size_t{1}, size_t{97}})
