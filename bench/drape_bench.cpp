@@ -2,10 +2,10 @@
 // beside loading the same image file directly with its own loader, both in
 // bands of 64 rows. The project costs a copy of the embedded file into an
 // anonymous file, the inner loader's reading of it, and the held picture:
-// new pages and a copy out of it. The TIFF (LZW, which this pattern makes
-// larger than the raw pixels) shows the copy of a big embedded file; the
-// lossy WebP a small one. The JPEG case runs once the JPEG loader is
-// available.
+// new pages (huge ones where the kernel gives them) and a copy out of it.
+// The TIFF (LZW, which this pattern makes larger than the raw pixels) shows
+// the copy of a big embedded file; the lossy WebP a small one. The JPEG case
+// runs once the JPEG loader is available.
 #include <tiffio.h>
 
 #include <cstdlib>

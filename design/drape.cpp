@@ -63,7 +63,7 @@ constexpr size_t kCopyPiece = 1 << 20;
 // ---- State
 
 struct DrapeState {
-  Block picture;
+  LargeBlock picture;
   uint32_t height = 0;
   uint32_t rowBytes = 0;
 };
@@ -259,7 +259,7 @@ Status readStartImage(const char* name, Inner& in, bool full) {
   }
   DrapeState& st = t_drape;
   if (!mulOk(uint64_t{*rowBytes}, uint64_t{in.height}, bytes) || bytes > kMaxPictureBytes ||
-      !(st.picture = allocBlock(size_t(bytes)))) {
+      !(st.picture = allocLargeBlock(size_t(bytes)))) {
     endInner();
     return Status::NoMemory;
   }

@@ -12,8 +12,10 @@
 // first frame of an animation leaves part of the canvas transparent.
 // tryLoad reads only headers (and an animation's file); the decoder is set up
 // by the first loadBand, decoding straight into the host's buffer when that
-// call asks for the whole picture, else into a picture of its own from which
+// call asks for the whole picture, else into a window of its own from which
 // bands are copied.
+#include "raster/webp.h"
+
 #include <webp/decode.h>
 #include <webp/demux.h>
 
@@ -35,7 +37,15 @@ namespace {
 constexpr uint32_t kMaxDimension = 262140;
 constexpr size_t kSignatureBytes = 12;
 constexpr size_t kFirstHeaderBytes = 4096;  // grown fourfold while the headers need more
-constexpr size_t kPieceBytes = 256 * 1024;  // the decoder is fed pieces of this size
+// For bands, each piece of the file handed to the decoder should finish about
+// this many bytes of rows: few enough to stay in the cache until they are
+// copied out, enough that the lossless decoder's going back to its last
+// checkpoint (every 8 rows) when a piece ends mid-row costs little.
+constexpr size_t kRowBytesPerPiece = size_t{2} << 20;
+constexpr size_t kMinPieceBytes = 1024;
+// A whole picture is handed over in pieces that double from this size, so
+// that a decoder that refuses the data or finishes early stops the reading.
+constexpr size_t kFirstWholePiece = 256 * 1024;
 // An animation is read whole to find its first frame; a larger one is refused.
 constexpr uint64_t kMaxAnimationBytes = uint64_t{256} << 20;
 
@@ -48,30 +58,40 @@ struct DeleteDemuxer {
   void operator()(WebPDemuxer* d) const noexcept { WebPDemuxDelete(d); }
 };
 
-// Where the compressed picture comes from: the file itself, or for an
-// animation its first frame inside the file read whole.
+// The compressed picture. A still picture's file is read into `bytes` as the
+// decoder needs it; an animation's file is read whole at tryLoad and its
+// first frame lies within. The decoder is handed ever longer runs from the
+// picture's first byte (WebPIUpdate, which follows the run when its block
+// moves) and copies nothing; appending pieces instead makes it copy all it
+// keeps (a lossless picture's every byte) each time its own buffer grows.
 struct Source {
   File file;
-  uint64_t size = 0;
-  Block whole;
+  uint64_t size = 0;  // of the file; for an animation, of its first frame
+  Block bytes;        // the file's first `fed` bytes, in a block grown by doubling
+  size_t capacity = 0;
+  LargeBlock whole;
   const uint8_t* frame = nullptr;
-  uint64_t fed = 0;  // bytes handed to the decoder so far
+  uint64_t fed = 0;                      // bytes handed to the decoder so far
+  uint64_t lastPiece = 0, lastRows = 0;  // the last piece handed over, and the rows it finished
+  const uint8_t* data() const { return frame ? frame : bytes.get(); }
 };
 
 struct WebpState {
   Source source;
-  Block pixels;  // the decoded frame; the decoder writes into it
+  LargeBlock window;     // frame rows decoded for bands, from `windowRow` on
+  WebPDecBuffer output;  // where the decoder writes; it keeps a pointer to this
   std::unique_ptr<WebPIDecoder, DeleteDecoder> decoder;
-  Block piece;
   uint32_t width = 0, height = 0;                // canvas
   uint32_t frameX = 0, frameY = 0, frameWidth = 0, frameHeight = 0;
   uint32_t pixelBytes = 3;
   int decodedRows = 0;  // rows of the frame the decoder has finished
+  int windowRow = 0;    // the frame row at the start of `window`
   bool complete = false;
   uint32_t delivered = 0;
   Status failed = Status::Ok;
 };
 thread_local WebpState t_webp;
+thread_local size_t t_pieceLimit = 0;
 
 void release() noexcept { t_webp = {}; }
 
@@ -105,7 +125,7 @@ Status readFeatures(WebpState& st, WebPBitstreamFeatures& features) {
 Status findFirstFrame(WebpState& st, Picture& out) {
   Source& src = st.source;
   if (src.size > kMaxAnimationBytes) return Status::Unsupported;
-  src.whole = allocBlock(size_t(src.size));
+  src.whole = allocLargeBlock(size_t(src.size));
   if (!src.whole) return Status::NoMemory;
   if (readAt(::fileno(src.file.get()), src.whole.get(), size_t(src.size), 0) != src.size)
     return Status::CannotOpen;
@@ -171,38 +191,102 @@ Status describe(const char* fileName, Picture& out, uint8_t*, bool) {
 
 // Sets up the decoder to write into `pixels`, rows `stride` bytes apart.
 Status startDecoder(WebpState& st, uint8_t* pixels, size_t stride) {
-  st.piece = allocBlock(kPieceBytes);
-  if (!st.piece) return Status::NoMemory;
-  const size_t bytes = stride * (st.frameHeight - 1) + size_t{st.frameWidth} * st.pixelBytes;
-  st.decoder.reset(WebPINewRGB(st.pixelBytes == 4 ? MODE_RGBA : MODE_RGB, pixels, bytes, int(stride)));
+  if (!WebPInitDecBuffer(&st.output)) return Status::NoMemory;  // a libwebp of another interface
+  st.output.colorspace = st.pixelBytes == 4 ? MODE_RGBA : MODE_RGB;
+  st.output.is_external_memory = 1;
+  st.output.u.RGBA.rgba = pixels;
+  st.output.u.RGBA.stride = int(stride);
+  st.output.u.RGBA.size = stride * (st.frameHeight - 1) + size_t{st.frameWidth} * st.pixelBytes;
+  st.decoder.reset(WebPINewDecoder(&st.output));
   return st.decoder ? Status::Ok : Status::NoMemory;
 }
 
-// Decoding into a picture of our own, from which bands are copied: the
-// decoder writes each row at its place in the whole frame.
-Status startFrameDecoder(WebpState& st) {
+// Bands are copied out of a window of our own. libwebp places a row at
+// rgba + y * stride when it writes it, and lets a caller that owns the memory
+// move rgba between calls; a call writes just the rows from those finished
+// before it on, each once and in order. So before each call rgba is pointed
+// `decodedRows` rows before the window, and that call's rows land at the
+// window's start, over rows the bands have already taken. The window is as
+// large as the frame, since one call may finish all the rest, but it is
+// mapped lazily: with pieces sized to finish a few MiB of rows, a load
+// touches only that much of it, never the whole frame of fresh pages, and the
+// copy out reads memory that is still in the cache.
+Status startWindowDecoder(WebpState& st) {
   const size_t stride = size_t{st.frameWidth} * st.pixelBytes;
   size_t bytes = 0;
   if (!mulOk(stride, size_t{st.frameHeight}, bytes)) return Status::NoMemory;
-  st.pixels = allocBlock(bytes);
-  if (!st.pixels) return Status::NoMemory;
-  return startDecoder(st, st.pixels.get(), stride);
+  st.window = allocLargeBlock(bytes);
+  if (!st.window) return Status::NoMemory;
+  return startDecoder(st, st.window.get(), stride);
 }
 
-// Hands the decoder the next piece of the picture's bytes.
+// Points the decoder's output so that frame row `decodedRows` falls at the
+// window's start. The address is formed as an integer, as it lies before the
+// window; only rows from the window's start on are written through it.
+void moveWindow(WebpState& st) {
+  WebPRGBABuffer& out = st.output.u.RGBA;
+  const size_t before = size_t(st.decodedRows) * size_t(out.stride);
+  const size_t rows = size_t(st.frameHeight) - size_t(st.decodedRows);
+  out.rgba = reinterpret_cast<uint8_t*>(reinterpret_cast<uintptr_t>(st.window.get()) - before);
+  out.size = before + (rows - 1) * size_t(out.stride) + size_t{st.frameWidth} * st.pixelBytes;
+  st.windowRow = st.decodedRows;
+}
+
+// Bytes to hand over next. A whole picture gets pieces that double. Bands get
+// pieces meant to finish kRowBytesPerPiece bytes of rows, first at the file's
+// average bytes per row. Compressed rows may cost very different amounts
+// within one picture, so each later piece is scaled by what the last one
+// gave, growing at most twofold; a piece that gave no row (still in the
+// headers) is doubled, and the piece after the first rows, whose bytes were
+// mostly headers, starts again from the average.
+uint64_t nextPiece(const WebpState& st) {
+  const Source& src = st.source;
+  uint64_t left = src.size - src.fed;
+  if (t_pieceLimit) left = std::min<uint64_t>(left, t_pieceLimit);
+  if (!st.window) return std::min<uint64_t>(left, std::max<uint64_t>(kFirstWholePiece, src.fed));
+  const uint64_t rows = std::max<uint64_t>(1, kRowBytesPerPiece / (uint64_t{st.frameWidth} * st.pixelBytes));
+  uint64_t piece = src.size * rows / st.frameHeight;
+  if (src.lastRows == 0 && src.lastPiece > 0) piece = 2 * src.lastPiece;
+  else if (src.lastRows > 0 && uint64_t(st.decodedRows) > src.lastRows)
+    piece = std::min(2 * src.lastPiece, src.lastPiece * rows / src.lastRows);
+  return std::min(left, std::max<uint64_t>(kMinPieceBytes, piece));
+}
+
+// Reads the next `want` bytes of a still picture's file into `bytes`; `got`
+// is fewer only where the file ends early.
+Status readMore(Source& src, size_t want, size_t& got) {
+  if (src.frame) {
+    got = want;
+    return Status::Ok;
+  }
+  if (src.fed + want > src.capacity) {
+    const size_t grown = size_t(std::min(src.size, std::max<uint64_t>(src.fed + want, 2 * uint64_t{src.capacity})));
+    auto* p = static_cast<uint8_t*>(std::realloc(src.bytes.get(), grown));
+    if (!p) return Status::NoMemory;
+    (void)src.bytes.release();
+    src.bytes.reset(p);
+    src.capacity = grown;
+  }
+  got = readAt(::fileno(src.file.get()), src.bytes.get() + src.fed, want, off_t(src.fed));
+  return Status::Ok;
+}
+
+// Hands the decoder more of the picture's bytes.
 Status feed(WebpState& st) {
   Source& src = st.source;
-  const size_t want = size_t(std::min<uint64_t>(kPieceBytes, src.size - src.fed));
-  const uint8_t* data = src.frame ? src.frame + src.fed : st.piece.get();
-  const size_t got = src.frame ? want : readAt(::fileno(src.file.get()), st.piece.get(), want, off_t(src.fed));
+  size_t got = 0;
+  if (const Status s = readMore(src, size_t(nextPiece(st)), got); s != Status::Ok) return s;
   if (got == 0) return Status::BadData;  // the data ends before the rows do
   src.fed += got;
-  const VP8StatusCode s = WebPIAppend(st.decoder.get(), data, got);
+  if (st.window) moveWindow(st);
+  const VP8StatusCode s = WebPIUpdate(st.decoder.get(), src.data(), size_t(src.fed));
   if (s != VP8_STATUS_OK && s != VP8_STATUS_SUSPENDED) return Status::BadRequest;
   st.complete = s == VP8_STATUS_OK;
   int lastRow = 0;
-  if (WebPIDecGetRGB(st.decoder.get(), &lastRow, nullptr, nullptr, nullptr))
-    st.decodedRows = std::max(st.decodedRows, lastRow);
+  WebPIDecGetRGB(st.decoder.get(), &lastRow, nullptr, nullptr, nullptr);
+  src.lastPiece = got;
+  src.lastRows = uint64_t(std::max(lastRow - st.decodedRows, 0));
+  st.decodedRows = std::max(st.decodedRows, lastRow);
   return Status::Ok;
 }
 
@@ -214,7 +298,8 @@ Status decodeRows(WebpState& st, int rows) {
   return Status::Ok;
 }
 
-// Canvas row `row`: the frame's row where the frame lies, transparent around it.
+// Canvas row `row`: the frame's row where the frame lies, transparent around
+// it. A frame row is in the window once decoded, until the decoder is fed again.
 void composeRow(const WebpState& st, uint32_t row, uint8_t* dst) {
   const size_t canvasBytes = size_t{st.width} * st.pixelBytes;
   if (row < st.frameY || row >= st.frameY + st.frameHeight) {
@@ -222,8 +307,9 @@ void composeRow(const WebpState& st, uint32_t row, uint8_t* dst) {
     return;
   }
   const size_t left = size_t{st.frameX} * st.pixelBytes, frameBytes = size_t{st.frameWidth} * st.pixelBytes;
+  const uint8_t* src = st.window.get() + size_t{row - st.frameY - uint32_t(st.windowRow)} * frameBytes;
   std::memset(dst, 0, left);
-  std::memcpy(dst + left, st.pixels.get() + size_t{row - st.frameY} * frameBytes, frameBytes);
+  std::memcpy(dst + left, src, frameBytes);
   std::memset(dst + left + frameBytes, 0, canvasBytes - left - frameBytes);
 }
 
@@ -236,12 +322,15 @@ Status deliverRows(WebpState& st, const Band& band) {
     return decodeRows(st, int(st.height));
   }
   if (!st.decoder)
-    if (const Status s = startFrameDecoder(st); s != Status::Ok) return s;
-  const uint32_t end = st.delivered + uint32_t(band.rowCount);
-  const uint32_t frameRows = std::clamp(end, st.frameY, st.frameY + st.frameHeight) - st.frameY;
-  if (const Status s = decodeRows(st, int(frameRows)); s != Status::Ok) return s;
-  for (uint32_t i = 0; i < uint32_t(band.rowCount); ++i)
-    composeRow(st, st.delivered + i, rowAt(band.buffer, i, band.rowStride));
+    if (const Status s = startWindowDecoder(st); s != Status::Ok) return s;
+  // Row by row: the decoder is fed only once every row in the window has
+  // been copied out, as feeding moves the window on.
+  for (uint32_t i = 0; i < uint32_t(band.rowCount); ++i) {
+    const uint32_t row = st.delivered + i;
+    if (row >= st.frameY && row < st.frameY + st.frameHeight)
+      if (const Status s = decodeRows(st, int(row - st.frameY) + 1); s != Status::Ok) return s;
+    composeRow(st, row, rowAt(band.buffer, i, band.rowStride));
+  }
   return Status::Ok;
 }
 
@@ -258,6 +347,9 @@ Status deliver(const Band& band) {
 }
 
 }  // namespace
+
+void webpLimitPieces(size_t bytes) noexcept { t_pieceLimit = bytes; }
+
 }  // namespace ldr
 
 extern "C" void registerLoadWebP(void) {

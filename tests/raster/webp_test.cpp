@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "raster/webp.h"
 #include "tests/support/harness.h"
 #include "tests/support/temp_file.h"
 #include "tests/support/webp_writer.h"
@@ -109,6 +110,46 @@ TEST(WebpRefusals, Statuses) {
     EXPECT_EQ(l.delivering ? l.status : 0, c.loadBand);
     EXPECT_EQ(vtest::openFdCount(), fds);
   }
+}
+
+// Pieces of a few bytes make a small picture take the paths of a large one:
+// many calls of the decoder, the band window moving under it, the read block
+// growing and moving. The pixels and statuses must not change.
+TEST(WebpPieces, SmallPiecesChangeNothing) {
+  struct Limit {
+    Limit(size_t bytes) { ldr::webpLimitPieces(bytes); }
+    ~Limit() { ldr::webpLimitPieces(0); }
+  };
+  for (const bool alpha : {false, true})
+    for (const bool lossless : {true, false}) {
+      const Bytes file = vtest::webpFile({.width = 61, .height = 45, .alpha = alpha, .lossless = lossless});
+      const Bytes want = decodedAtOnce(file, alpha);
+      const TempFile f(file, ".webp");
+      for (const size_t piece : {size_t{1}, size_t{97}})
+        for (uint32_t band : {0u, 1u, 7u}) {
+          SCOPED_TRACE(std::string(lossless ? "lossless" : "lossy") + (alpha ? " with alpha" : "") + ", pieces of " +
+                       std::to_string(piece) + ", band " + std::to_string(band));
+          const Limit limit(piece);
+          const vtest::Loaded l = vtest::load(f.path(), kWebp, band);
+          ASSERT_EQ(l.status, VLOAD_OK);
+          EXPECT_EQ(l.rows, want);
+          const TempFile cut(vtest::truncated(file, file.size() * 2 / 3), ".webp");
+          const vtest::Loaded c = vtest::load(cut.path(), kWebp, band);
+          EXPECT_TRUE(c.delivering);
+          EXPECT_EQ(c.status, VLOAD_BAD_DATA);
+        }
+    }
+
+  WebpPicture frame;
+  frame.width = 8;
+  frame.height = 6;
+  const TempFile animation(vtest::webpAnimation(20, 11, vtest::webpFile(frame), 8, 6, 4, 2), ".webp");
+  const vtest::Loaded whole = vtest::load(animation.path(), kWebp, 3);
+  ASSERT_EQ(whole.status, VLOAD_OK);
+  const Limit limit(5);
+  const vtest::Loaded pieces = vtest::load(animation.path(), kWebp, 3);
+  ASSERT_EQ(pieces.status, VLOAD_OK);
+  EXPECT_EQ(pieces.rows, whole.rows);
 }
 
 }  // namespace
