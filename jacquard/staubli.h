@@ -90,18 +90,31 @@ bool cardPathAvailable(CardPath path) noexcept;
 bool useWidePath() noexcept;
 
 // The whole-record form of a mapping for 512-bit vector units. Every output
-// byte shows one bit position of eight record bytes (a "column"), so a row is
-// built in three moves, each on 64 bytes at a time: gather the columns' bytes
-// into tiles, transpose each tile's 8 x 8 bit blocks, gather the output bytes
-// from the transposed tiles. Runs of 14 pixels (1344-hook modules) are built
-// as 16 and closed up afterwards.
+// byte shows one bit position of eight record bytes (a "column"); an 8 x 8
+// bit transpose of a column's bytes gives the output bytes of all its bits.
+// Runs of 14 pixels (1344-hook modules) are built as 16 and closed up.
+// Two layouts of that work:
+//  - Grouped: consecutive output vectors that share columns form a group of
+//    at most 32 columns, held in at most 4 registers. A group's registers are
+//    assembled straight from the record when each column's bytes lie close
+//    together (JC3's modules), else eight registers at a time from eight
+//    rows through a transpose network (JC4's interleaved modules); its output
+//    vectors are then permuted out of those registers. Nothing passes
+//    through memory between record and row.
+//  - Tiled: any mapping of that shape, in three passes over scratch memory:
+//    gather the columns' bytes into tiles, transpose each tile's 8 x 8 bit
+//    blocks, gather the output bytes from the transposed tiles.
 class RowKernel {
  public:
-  // Compiles map (pixel x shows file bit map[x]); false when the wide path is
-  // off, or the mapping does not have that shape.
-  bool build(std::span<const uint32_t> map, uint32_t recordBytes);
+  enum class Layout : uint8_t { Best, Grouped, Tiled };
+  // Compiles map (pixel x shows file bit map[x]) in `layout` (Best: grouped
+  // when the mapping allows, else tiled); false when the wide path is off,
+  // or the mapping does not have that shape.
+  bool build(std::span<const uint32_t> map, uint32_t recordBytes, Layout layout = Layout::Best);
   bool ready() const noexcept { return ready_; }
   bool tried() const noexcept { return tried_; }
+  // The layout built (Best when none was).
+  Layout layout() const noexcept { return ready_ ? (grouped_ ? Layout::Grouped : Layout::Tiled) : Layout::Best; }
   // Bytes of a row that run writes, all of them: width / 8.
   uint32_t rowBytes() const noexcept { return rowBytes_; }
   // Writes bytes [0, rowBytes) of `row`: a pixel is set where its file bit is
@@ -126,14 +139,37 @@ class RowKernel {
     uint32_t outBytes = 0;
     void compile(const std::vector<uint32_t>& source, uint32_t sourceBytes, bool aligned);
   };
+  // Grouped layout: registers assembled together, and the output vectors
+  // permuted from them. Register pair p is registers 2p and 2p + 1.
+  struct Block {
+    bool network = false;   // eight registers from eight rows, else `registers` straight
+    uint8_t registers = 0;  // registers assembled straight from the record
+    uint8_t repeats = 0;    // network rows 0..repeats-1: row 0's steps, windows moved by `delta` a row
+    int32_t delta = 0;
+    uint32_t outputs = 0;   // output vectors that follow
+  };
+  struct Output {
+    uint32_t at = 0;          // first (padded) row byte
+    uint64_t mask[4] = {};    // bytes register pair p provides
+    uint32_t index[4] = {};   // its permute indices, in outputIndex_
+  };
+  struct alignas(64) Indices {
+    uint8_t at[64];
+  };
 
  private:
-  bool plan(const std::vector<uint32_t>& pixels, uint32_t recordBytes);
+  bool planGrouped(const std::vector<uint32_t>& pixels, uint32_t recordBytes);
+  bool planTiled(const std::vector<uint32_t>& pixels, uint32_t recordBytes);
+  void findRepeats();
   void runInto(const uint8_t* record, uint8_t* out, bool setWhenZero) noexcept;
 
-  Program columns_, bytes_;
-  uint32_t tiles_ = 0, rowBytes_ = 0, recordBytes_ = 0;
-  bool runsOf14_ = false, ready_ = false, tried_ = false;
+  Program columns_, bytes_;  // tiled
+  Program assembly_;         // grouped: network rows and straight registers, block by block
+  std::vector<Block> blocks_;
+  std::vector<Output> outputs_;
+  std::vector<Indices> outputIndex_;
+  uint32_t tiles_ = 0, rowBytes_ = 0, recordBytes_ = 0, paddedBytes_ = 0;
+  bool runsOf14_ = false, grouped_ = false, ready_ = false, tried_ = false;
   std::vector<uint8_t> scratch_, planeRows_, counts_;
 };
 
