@@ -243,7 +243,38 @@ class TemporaryFile {
   std::string path_;
 };
 
+// Card data between the file and the kernels: one buffer, records starting
+// on a 64-byte boundary, with readable bytes before and after them for the
+// kernels' whole-window loads. It may hold data read ahead of the band.
+class RecordBuffer {
+ public:
+  static constexpr size_t kLead = 64, kSlack = 128;
+  size_t buffered() const noexcept { return end_ - begin_; }
+  // Room for `bytes` more behind the buffered bytes, which move to the
+  // front; false when the memory cannot be had.
+  [[nodiscard]] bool reserve(size_t bytes) noexcept;
+  uint8_t* tail() noexcept { return data_ + end_; }
+  void commit(size_t bytes) noexcept { end_ += bytes; }
+  // The next `bytes` buffered bytes (at most buffered()).
+  const uint8_t* take(size_t bytes) noexcept {
+    const uint8_t* at = data_ + begin_;
+    begin_ += bytes;
+    return at;
+  }
+
+ private:
+  Block block_;
+  uint8_t* data_ = nullptr;
+  size_t capacity_ = 0, begin_ = 0, end_ = 0;
+};
+
+static_assert(RecordBuffer::kLead >= kSectionLead && RecordBuffer::kSlack >= kSectionSlack);
+
 enum class Card : uint8_t { None, Jc4, Jc4Email, Jc4Network, Jc3, Jc5 };
+
+// CardState::offset when the next read starts where the open volume's stream
+// stands (after tryLoad, or after a volume was opened and positioned).
+constexpr uint64_t kAtStream = UINT64_MAX;
 
 // The card being read, from tryLoad to endLoad. Owns the open volume, the
 // temporary file of a decompressed card, and the band buffers.
@@ -256,6 +287,7 @@ struct CardState {
   // JC4 family: data bytes of the present volume and how many were used.
   uint64_t volumeBytes = 0, consumed = 0;
   uint64_t dataStart = 0;   // where records start in a volume
+  uint64_t offset = kAtStream;  // the open volume's next byte, read with positioned reads
   bool volumeMode = false;  // JC3, JC5: a numbered set
   uint32_t volumePicks = 0, volumeRead = 0;  // JC3: records a volume holds, read from it
   bool lengthened = false;  // JC4 e-mail: a volume letter was inserted into the name
@@ -263,8 +295,7 @@ struct CardState {
   std::vector<uint32_t> sectionHooks;
   uint64_t paddedBits = 0;
   TemporaryFile temporary;  // a decompressed card, deleted with the state
-  Block work;
-  size_t workBytes = 0;
+  RecordBuffer records;
   // Column plans by module size (index into kModuleSizes; 3 = identity) and
   // the mappings the chooser walks.
   ColumnPlan plans[4];
@@ -301,16 +332,20 @@ Status deliverJc4Family(const Band& band, Status (*nextVolume)(CardState&));
 // Band checks every card loader makes: a load is open, the buffer and
 // counts make sense, and no more rows are asked for than remain.
 Status checkBand(const CardState& st, const Band& band);
-// A work area of at least n bytes, kept between bands.
-uint8_t* workArea(CardState& st, size_t n);
 
 // The fixed outputs of a card: one bit a pixel, mirrored, single layer.
 void describeCard(Picture& out, uint8_t* colorMap, uint32_t width, uint32_t height);
 
-// JC4 family: reads n bytes of card data into dst, moving to the next volume
-// (opened by `nextVolume`) whenever one is used up. Bytes past the end of a
-// file read as zero.
-Status readCardBytes(CardState& st, uint8_t* dst, size_t n, Status (*nextVolume)(CardState&));
+// Reading ahead: one read brings at most this much beyond the band, which
+// keeps it in the processor's second-level cache until the kernels use it.
+constexpr size_t kReadAheadBytes = 256 * 1024;
+// The next n bytes of card data, into `out`, from the buffer and then from
+// the open volume, reading up to `ahead` bytes more while at it. Bytes past
+// the end of a file read as zero. With `nextVolume` (the JC4 family), each
+// volume gives volumeBytes bytes and the next is opened when one is used up;
+// reading ahead stays within the volume.
+Status takeCardBytes(CardState& st, size_t n, uint64_t ahead, Status (*nextVolume)(CardState&),
+                     const uint8_t*& out);
 
 // JC4 family: the plan for this band (identity for narrow records, else the
 // module size chosen from the band's records) gathered into the rows.
