@@ -184,7 +184,8 @@ void countPlanes(const uint8_t* records, uint32_t rows, uint32_t recordBytes, ui
 // into a row (ceil(total / 8) bytes, first pixel in the top bit, padding bits
 // of the last byte clear). On the wide path each 512 bits of the row are cut
 // from the record by a precomputed piece of each section they overlap: two
-// loads, a funnel shift and a mask, with no scratch between.
+// loads and a funnel shift, and a mask where sections meet, with no scratch
+// between.
 constexpr size_t kSectionLead = 64;   // readable bytes a record needs before it
 constexpr size_t kSectionSlack = 80;  // and after it
 class SectionJoin {
@@ -199,9 +200,20 @@ class SectionJoin {
     uint32_t vector = 0;   // which 64 bytes of the row
     uint64_t lanes[8] = {};  // row bits this section provides there
   };
+  // The row in order: runs of vectors that each lie inside one section (its
+  // piece for the first, moved 64 bytes on for each next), and vectors where
+  // sections meet, ORed from their pieces.
+  struct Span {
+    uint32_t vector = 0;
+    uint32_t run = 0;     // vectors of a run; 0 for a meeting
+    uint32_t pieces = 0;  // a meeting's pieces, next in order
+    int32_t offset = 0;
+    uint32_t shift = 0;
+  };
 
  private:
-  std::vector<Piece> pieces_;
+  std::vector<Span> spans_;
+  std::vector<Piece> meetings_;
   std::vector<uint32_t> hooks_;
   std::vector<uint64_t> words_;
   uint32_t rowBytes_ = 0;

@@ -1,7 +1,7 @@
 // jacquard/staubli_simd.cpp: the card loaders' hot loops for processors with
-// 512-bit vectors (AVX-512 F/BW/VL/VBMI, GFNI, BMI2), each beside the plain
-// code that every other processor runs, and the planner that compiles a hook
-// mapping into vector steps.
+// 512-bit vectors (AVX-512 F/BW/VL/VBMI/VBMI2, GFNI, BMI2), each beside the
+// plain code that every other processor runs, and the planner that compiles a
+// hook mapping into vector steps.
 //
 // Why a mapping has the shape the kernel needs: a module wires its hooks in
 // rows of 12, and the pixels of one output byte are 8 hooks of one wiring
@@ -21,7 +21,7 @@
 
 #if defined(__x86_64__)
 #include <immintrin.h>
-#define VLOAD_WIDE __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,gfni,bmi2")))
+#define VLOAD_WIDE __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,avx512vbmi2,gfni,bmi2")))
 #endif
 
 namespace ldr::staubli {
@@ -33,6 +33,7 @@ bool hasWideUnits() noexcept {
 #if defined(__x86_64__)
   static const bool has = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
                           __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi") &&
+                          __builtin_cpu_supports("avx512vbmi2") &&
                           __builtin_cpu_supports("gfni") && __builtin_cpu_supports("bmi2");
   return has;
 #else
@@ -361,25 +362,38 @@ VLOAD_WIDE void findBreaks(const uint8_t* counts, uint32_t width, uint8_t tolera
   if (width % 64) breaks[width / 64] |= ~uint64_t{0} << (width % 64);
 }
 
-VLOAD_WIDE void joinWide(const std::vector<SectionJoin::Piece>& pieces, const uint8_t* record, uint8_t* row,
+// Lane i of a piece is the qword at offset + 8i funnel-shifted with the next
+// one: vpshrdvq does that in one step.
+VLOAD_WIDE inline __m512i cutPiece(const uint8_t* at, uint32_t shift) noexcept {
+  return _mm512_shrdv_epi64(_mm512_loadu_si512(at), _mm512_loadu_si512(at + 8), _mm512_set1_epi64(shift));
+}
+
+VLOAD_WIDE inline void storeRowVector(uint8_t* row, uint32_t at, uint32_t rowBytes, __m512i bits) noexcept {
+  const __m512i out = _mm512_gf2p8affine_epi64_epi8(bits, _mm512_set1_epi64(int64_t(kReverseMatrix)), 0);
+  if (rowBytes - at >= 64)
+    _mm512_storeu_si512(row + at, out);
+  else
+    _mm512_mask_storeu_epi8(row + at, ~uint64_t{0} >> (64 - (rowBytes - at)), out);
+}
+
+// Raw pointers and counts: the stores into the row may alias anything, and
+// would make the compiler reload a vector's insides after each one.
+VLOAD_WIDE void joinWide(const SectionJoin::Span* span, const SectionJoin::Span* end,
+                         const SectionJoin::Piece* meeting, const uint8_t* record, uint8_t* row,
                          uint32_t rowBytes) noexcept {
-  const __m512i reverse = _mm512_set1_epi64(int64_t(kReverseMatrix));
-  for (size_t i = 0; i < pieces.size();) {
-    const uint32_t v = pieces[i].vector;
-    __m512i acc = _mm512_setzero_si512();
-    for (; i < pieces.size() && pieces[i].vector == v; ++i) {
-      const SectionJoin::Piece& p = pieces[i];
-      const __m512i lo = _mm512_loadu_si512(record + p.offset), hi = _mm512_loadu_si512(record + p.offset + 8);
-      const __m512i bits = _mm512_or_si512(_mm512_srl_epi64(lo, _mm_cvtsi32_si128(int(p.shift))),
-                                           _mm512_sll_epi64(hi, _mm_cvtsi32_si128(int(64 - p.shift))));
-      acc = _mm512_ternarylogic_epi64(acc, bits, _mm512_loadu_si512(p.lanes), 0xF8);  // acc | (bits & lanes)
+  for (; span != end; ++span) {
+    const uint32_t at = 64 * span->vector;
+    if (span->run) {
+      const uint8_t* from = record + span->offset;
+      for (uint32_t v = 0; v < span->run; ++v, from += 64)
+        storeRowVector(row, at + 64 * v, rowBytes, cutPiece(from, span->shift));
+      continue;
     }
-    const __m512i out = _mm512_gf2p8affine_epi64_epi8(acc, reverse, 0);
-    const uint32_t at = 64 * v;
-    if (rowBytes - at >= 64)
-      _mm512_storeu_si512(row + at, out);
-    else
-      _mm512_mask_storeu_epi8(row + at, ~uint64_t{0} >> (64 - (rowBytes - at)), out);
+    __m512i acc = _mm512_setzero_si512();
+    for (uint32_t n = span->pieces; n; --n, ++meeting)
+      acc = _mm512_ternarylogic_epi64(acc, cutPiece(record + meeting->offset, meeting->shift),
+                                      _mm512_loadu_si512(meeting->lanes), 0xF8);  // acc | (b & c)
+    storeRowVector(row, at, rowBytes, acc);
   }
 }
 
@@ -817,7 +831,7 @@ void countPlanes(const uint8_t* records, uint32_t rows, uint32_t recordBytes, ui
 // with lo, hi the qwords at o + 8i and o + 8i + 8. d > -512 keeps o >= -64.
 void SectionJoin::build(std::span<const uint32_t> sectionHooks) {
   hooks_.assign(sectionHooks.begin(), sectionHooks.end());
-  pieces_.clear();
+  std::vector<Piece> pieces;
   uint64_t at = 0, start = 0;
   for (uint32_t hooks : hooks_) {
     for (uint64_t v = at / 512; hooks && v * 512 < at + hooks; ++v) {
@@ -828,19 +842,40 @@ void SectionJoin::build(std::span<const uint32_t> sectionHooks) {
       p.vector = uint32_t(v);
       const uint64_t first = std::max(at, v * 512) - v * 512, last = std::min(at + hooks, v * 512 + 512) - v * 512;
       for (uint64_t b = first; b < last; ++b) p.lanes[b / 64] |= uint64_t{1} << (b % 64);
-      pieces_.push_back(p);
+      pieces.push_back(p);
     }
     at += hooks;
     start += (uint64_t{hooks} + 7) / 8;
   }
-  std::stable_sort(pieces_.begin(), pieces_.end(), [](const Piece& a, const Piece& b) { return a.vector < b.vector; });
+  std::stable_sort(pieces.begin(), pieces.end(), [](const Piece& a, const Piece& b) { return a.vector < b.vector; });
   rowBytes_ = uint32_t((at + 7) / 8);
+  spans_.clear();
+  meetings_.clear();
+  const auto full = [](uint64_t lane) { return lane == ~uint64_t{0}; };
+  for (size_t i = 0; i < pieces.size();) {
+    const Piece& p = pieces[i];
+    size_t n = 1;
+    while (i + n < pieces.size() && pieces[i + n].vector == p.vector) ++n;
+    if (n == 1 && std::all_of(p.lanes, p.lanes + 8, full)) {
+      Span* last = spans_.empty() ? nullptr : &spans_.back();
+      if (last && last->run && last->vector + last->run == p.vector && last->shift == p.shift &&
+          int64_t(last->offset) + 64 * int64_t(last->run) == p.offset)
+        ++last->run;
+      else
+        spans_.push_back({p.vector, 1, 0, p.offset, p.shift});
+    } else {
+      spans_.push_back({p.vector, 0, uint32_t(n), 0, 0});
+      meetings_.insert(meetings_.end(), pieces.begin() + ptrdiff_t(i), pieces.begin() + ptrdiff_t(i + n));
+    }
+    i += n;
+  }
   words_.assign(size_t(at / 64) + 2, 0);
 }
 
 void SectionJoin::run(const uint8_t* record, uint8_t* row) noexcept {
 #if defined(__x86_64__)
-  if (useWidePath()) return joinWide(pieces_, record, row, rowBytes_);
+  if (useWidePath())
+    return joinWide(spans_.data(), spans_.data() + spans_.size(), meetings_.data(), record, row, rowBytes_);
 #endif
   // Plain: one 64-bit word at a time, each section's words moved up by its
   // start within the word and ORed onto what the sections before left.
