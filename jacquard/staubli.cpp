@@ -492,8 +492,10 @@ Status takeCardBytes(CardState& st, size_t n, uint64_t ahead, Status (*nextVolum
                      const uint8_t*& out) {
   RecordBuffer& buffer = st.records;
   if (buffer.buffered() < n) {
+    // Ahead by whole bands, so that the next refill finds nothing left over
+    // to move to the front.
     const size_t least = n - buffer.buffered();
-    const size_t most = least + size_t(std::min<uint64_t>(ahead, kReadAheadBytes));
+    const size_t most = least + size_t(std::min<uint64_t>(ahead, kReadAheadBytes / n * n));
     if (!buffer.reserve(most)) return Status::NoMemory;
     uint8_t* dst = buffer.tail();
     size_t done = 0;

@@ -414,10 +414,20 @@ VLOAD_WIDE void reverseWide(uint8_t* dst, const uint8_t* src, size_t n) noexcept
 #endif
 #endif  // __x86_64__
 
+// True when x holds a run of at least n set bits (1 <= n <= 64). With E_k the
+// bits that start a run of k, E_2k = E_k & E_k >> k, and E_(k+j) =
+// E_k & E_k >> j for j <= k: a handful of steps for any n.
+bool hasRun(uint64_t x, uint32_t n) noexcept {
+  uint32_t have = 1;
+  for (; 2 * have <= n; have *= 2) x &= x >> have;
+  if (have < n) x &= x >> (n - have);
+  return x != 0;
+}
+
 // Longest stretch of 0 bits in breaks (words bits of which `width` count),
 // plus one: the chooser's smoothness. A stretch runs on from one word into
-// the next; inside a word, x &= x >> 1 shortens every run of 1s by one, so
-// the steps it takes to clear the word is its longest run.
+// the next; inside a word only a run longer than the best so far matters, so
+// each word is asked whether it beats it, which it rarely does.
 uint32_t longestStretch(const uint64_t* breaks, uint32_t width) noexcept {
   uint32_t current = 0, best = 0;
   for (uint32_t i = 0; i < (width + 63) / 64; ++i) {
@@ -428,12 +438,8 @@ uint32_t longestStretch(const uint64_t* breaks, uint32_t width) noexcept {
     }
     const int low = __builtin_ctzll(b), high = __builtin_clzll(b);
     best = std::max(best, current + uint32_t(low));
-    if (best < 62) {
-      uint64_t inner = ~b & (~uint64_t{0} >> high) & (~uint64_t{0} << low);
-      uint32_t run = 0;
-      for (; inner; ++run) inner &= inner >> 1;
-      best = std::max(best, run);
-    }
+    const uint64_t inner = ~b & (~uint64_t{0} >> high) & (~uint64_t{0} << low);
+    while (best < 62 && hasRun(inner, best + 1)) ++best;
     current = uint32_t(high);
   }
   return std::max(best, current) + 1;
