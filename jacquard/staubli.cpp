@@ -30,6 +30,7 @@
 #include <tuple>
 
 #include "framework/checked.h"
+#include "framework/io.h"
 #include "vload.h"
 
 namespace ldr::staubli {
@@ -440,12 +441,25 @@ Status checkBand(const CardState& st, const Band& band) {
   return Status::Ok;
 }
 
-uint8_t* workArea(CardState& st, size_t n) {
-  if (st.workBytes < n || !st.work) {
-    st.work = allocBlock(n);
-    st.workBytes = st.work ? n : 0;
+bool RecordBuffer::reserve(size_t bytes) noexcept {
+  const size_t kept = buffered();
+  size_t room = 0, total = 0;
+  if (!addOk(kept, bytes, room) || !addOk(room, kLead + kSlack + 63, total)) return false;
+  if (room <= capacity_) {
+    std::memmove(data_, data_ + begin_, kept);
+  } else {
+    Block grown = allocBlock(total);
+    if (!grown) return false;
+    uint8_t* at = grown.get() + kLead;
+    at += -reinterpret_cast<uintptr_t>(at) % 64;
+    if (kept) std::memcpy(at, data_ + begin_, kept);
+    block_ = std::move(grown);
+    data_ = at;
+    capacity_ = room;
   }
-  return st.work.get();
+  begin_ = 0;
+  end_ = kept;
+  return true;
 }
 
 void describeCard(Picture& out, uint8_t* colorMap, uint32_t width, uint32_t height) {
@@ -458,22 +472,55 @@ void describeCard(Picture& out, uint8_t* colorMap, uint32_t width, uint32_t heig
   colorMap[0] = 0;
 }
 
-Status readCardBytes(CardState& st, uint8_t* dst, size_t n, Status (*nextVolume)(CardState&)) {
-  int switches = 0;
-  for (size_t done = 0; done < n;) {
-    if (st.consumed >= st.volumeBytes) {
-      // A run of empty volumes ends somewhere: give up after a hundred.
-      if (++switches > kMaxVolumeSwitches) return Status::CannotOpen;
-      if (const Status s = nextVolume(st); s != Status::Ok) return s;
-      continue;
-    }
-    switches = 0;
-    const size_t take = size_t(std::min<uint64_t>(n - done, st.volumeBytes - st.consumed));
-    const size_t got = std::fread(dst + done, 1, take, st.file.get());
-    std::memset(dst + done + got, 0, take - got);  // past the end of the file: zeros
-    st.consumed += take;
-    done += take;
+namespace {
+
+// n bytes of the open volume from st.offset on, zeros past its end.
+void readVolume(CardState& st, uint8_t* dst, size_t n) noexcept {
+  std::FILE* f = st.file.get();
+  if (f && st.offset == kAtStream) {
+    const off_t at = ftello(f);
+    st.offset = at < 0 ? 0 : uint64_t(at);
   }
+  const size_t got = f && st.offset <= uint64_t(INT64_MAX) - n ? readAt(::fileno(f), dst, n, off_t(st.offset)) : 0;
+  std::memset(dst + got, 0, n - got);
+  if (st.offset != kAtStream) st.offset = st.offset <= uint64_t(INT64_MAX) - n ? st.offset + n : uint64_t(INT64_MAX);
+}
+
+}  // namespace
+
+Status takeCardBytes(CardState& st, size_t n, uint64_t ahead, Status (*nextVolume)(CardState&),
+                     const uint8_t*& out) {
+  RecordBuffer& buffer = st.records;
+  if (buffer.buffered() < n) {
+    // Ahead by whole bands, so that the next refill finds nothing left over
+    // to move to the front.
+    const size_t least = n - buffer.buffered();
+    const size_t most = least + size_t(std::min<uint64_t>(ahead, kReadAheadBytes / n * n));
+    if (!buffer.reserve(most)) return Status::NoMemory;
+    uint8_t* dst = buffer.tail();
+    size_t done = 0;
+    int switches = 0;
+    while (done < least) {
+      if (nextVolume && st.consumed >= st.volumeBytes) {
+        // A run of empty volumes ends somewhere: give up after a hundred.
+        if (++switches > kMaxVolumeSwitches) return Status::CannotOpen;
+        if (const Status s = nextVolume(st); s != Status::Ok) return s;
+        st.offset = kAtStream;
+        continue;
+      }
+      switches = 0;
+      const size_t take = nextVolume ? size_t(std::min<uint64_t>(least - done, st.volumeBytes - st.consumed)) : least - done;
+      readVolume(st, dst + done, take);
+      st.consumed += take;
+      done += take;
+    }
+    // Ahead, but never into the next volume: opening it is the band's that needs it.
+    const size_t extra = nextVolume ? size_t(std::min<uint64_t>(most - done, st.volumeBytes - st.consumed)) : most - done;
+    readVolume(st, dst + done, extra);
+    st.consumed += extra;
+    buffer.commit(done + extra);
+  }
+  out = buffer.take(n);
   return Status::Ok;
 }
 
@@ -556,11 +603,10 @@ Status deliverJc4Family(const Band& band, Status (*nextVolume)(CardState&)) {
   CardState& st = t_card;
   if (const Status s = checkBand(st, band); s != Status::Ok) return s;
   const uint32_t rows = uint32_t(band.rowCount);
-  const size_t bytes = size_t{rows} * st.recordBytes;
-  uint8_t* records = workArea(st, bytes);
-  if (!records) return Status::NoMemory;
-  if (const Status s = readCardBytes(st, records, bytes, nextVolume); s != Status::Ok)
-    return st.failed = s;
+  const uint64_t ahead = uint64_t{st.height - st.delivered - rows} * st.recordBytes;
+  const uint8_t* records = nullptr;
+  if (const Status s = takeCardBytes(st, size_t{rows} * st.recordBytes, ahead, nextVolume, records); s != Status::Ok)
+    return s == Status::NoMemory ? s : st.failed = s;
   mapRows(st, records, rows, band);
   st.delivered += rows;
   return Status::Ok;

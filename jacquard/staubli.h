@@ -90,18 +90,31 @@ bool cardPathAvailable(CardPath path) noexcept;
 bool useWidePath() noexcept;
 
 // The whole-record form of a mapping for 512-bit vector units. Every output
-// byte shows one bit position of eight record bytes (a "column"), so a row is
-// built in three moves, each on 64 bytes at a time: gather the columns' bytes
-// into tiles, transpose each tile's 8 x 8 bit blocks, gather the output bytes
-// from the transposed tiles. Runs of 14 pixels (1344-hook modules) are built
-// as 16 and closed up afterwards.
+// byte shows one bit position of eight record bytes (a "column"); an 8 x 8
+// bit transpose of a column's bytes gives the output bytes of all its bits.
+// Runs of 14 pixels (1344-hook modules) are built as 16 and closed up.
+// Two layouts of that work:
+//  - Grouped: consecutive output vectors that share columns form a group of
+//    at most 32 columns, held in at most 4 registers. A group's registers are
+//    assembled straight from the record when each column's bytes lie close
+//    together (JC3's modules), else eight registers at a time from eight
+//    rows through a transpose network (JC4's interleaved modules); its output
+//    vectors are then permuted out of those registers. Nothing passes
+//    through memory between record and row.
+//  - Tiled: any mapping of that shape, in three passes over scratch memory:
+//    gather the columns' bytes into tiles, transpose each tile's 8 x 8 bit
+//    blocks, gather the output bytes from the transposed tiles.
 class RowKernel {
  public:
-  // Compiles map (pixel x shows file bit map[x]); false when the wide path is
-  // off, or the mapping does not have that shape.
-  bool build(std::span<const uint32_t> map, uint32_t recordBytes);
+  enum class Layout : uint8_t { Best, Grouped, Tiled };
+  // Compiles map (pixel x shows file bit map[x]) in `layout` (Best: grouped
+  // when the mapping allows, else tiled); false when the wide path is off,
+  // or the mapping does not have that shape.
+  bool build(std::span<const uint32_t> map, uint32_t recordBytes, Layout layout = Layout::Best);
   bool ready() const noexcept { return ready_; }
   bool tried() const noexcept { return tried_; }
+  // The layout built (Best when none was).
+  Layout layout() const noexcept { return ready_ ? (grouped_ ? Layout::Grouped : Layout::Tiled) : Layout::Best; }
   // Bytes of a row that run writes, all of them: width / 8.
   uint32_t rowBytes() const noexcept { return rowBytes_; }
   // Writes bytes [0, rowBytes) of `row`: a pixel is set where its file bit is
@@ -126,14 +139,37 @@ class RowKernel {
     uint32_t outBytes = 0;
     void compile(const std::vector<uint32_t>& source, uint32_t sourceBytes, bool aligned);
   };
+  // Grouped layout: registers assembled together, and the output vectors
+  // permuted from them. Register pair p is registers 2p and 2p + 1.
+  struct Block {
+    bool network = false;   // eight registers from eight rows, else `registers` straight
+    uint8_t registers = 0;  // registers assembled straight from the record
+    uint8_t repeats = 0;    // network rows 0..repeats-1: row 0's steps, windows moved by `delta` a row
+    int32_t delta = 0;
+    uint32_t outputs = 0;   // output vectors that follow
+  };
+  struct Output {
+    uint32_t at = 0;          // first (padded) row byte
+    uint64_t mask[4] = {};    // bytes register pair p provides
+    uint32_t index[4] = {};   // its permute indices, in outputIndex_
+  };
+  struct alignas(64) Indices {
+    uint8_t at[64];
+  };
 
  private:
-  bool plan(const std::vector<uint32_t>& pixels, uint32_t recordBytes);
+  bool planGrouped(const std::vector<uint32_t>& pixels, uint32_t recordBytes);
+  bool planTiled(const std::vector<uint32_t>& pixels, uint32_t recordBytes);
+  void findRepeats();
   void runInto(const uint8_t* record, uint8_t* out, bool setWhenZero) noexcept;
 
-  Program columns_, bytes_;
-  uint32_t tiles_ = 0, rowBytes_ = 0, recordBytes_ = 0;
-  bool runsOf14_ = false, ready_ = false, tried_ = false;
+  Program columns_, bytes_;  // tiled
+  Program assembly_;         // grouped: network rows and straight registers, block by block
+  std::vector<Block> blocks_;
+  std::vector<Output> outputs_;
+  std::vector<Indices> outputIndex_;
+  uint32_t tiles_ = 0, rowBytes_ = 0, recordBytes_ = 0, paddedBytes_ = 0;
+  bool runsOf14_ = false, grouped_ = false, ready_ = false, tried_ = false;
   std::vector<uint8_t> scratch_, planeRows_, counts_;
 };
 
@@ -148,7 +184,8 @@ void countPlanes(const uint8_t* records, uint32_t rows, uint32_t recordBytes, ui
 // into a row (ceil(total / 8) bytes, first pixel in the top bit, padding bits
 // of the last byte clear). On the wide path each 512 bits of the row are cut
 // from the record by a precomputed piece of each section they overlap: two
-// loads, a funnel shift and a mask, with no scratch between.
+// loads and a funnel shift, and a mask where sections meet, with no scratch
+// between.
 constexpr size_t kSectionLead = 64;   // readable bytes a record needs before it
 constexpr size_t kSectionSlack = 80;  // and after it
 class SectionJoin {
@@ -163,9 +200,20 @@ class SectionJoin {
     uint32_t vector = 0;   // which 64 bytes of the row
     uint64_t lanes[8] = {};  // row bits this section provides there
   };
+  // The row in order: runs of vectors that each lie inside one section (its
+  // piece for the first, moved 64 bytes on for each next), and vectors where
+  // sections meet, ORed from their pieces.
+  struct Span {
+    uint32_t vector = 0;
+    uint32_t run = 0;     // vectors of a run; 0 for a meeting
+    uint32_t pieces = 0;  // a meeting's pieces, next in order
+    int32_t offset = 0;
+    uint32_t shift = 0;
+  };
 
  private:
-  std::vector<Piece> pieces_;
+  std::vector<Span> spans_;
+  std::vector<Piece> meetings_;
   std::vector<uint32_t> hooks_;
   std::vector<uint64_t> words_;
   uint32_t rowBytes_ = 0;
@@ -207,7 +255,38 @@ class TemporaryFile {
   std::string path_;
 };
 
+// Card data between the file and the kernels: one buffer, records starting
+// on a 64-byte boundary, with readable bytes before and after them for the
+// kernels' whole-window loads. It may hold data read ahead of the band.
+class RecordBuffer {
+ public:
+  static constexpr size_t kLead = 64, kSlack = 128;
+  size_t buffered() const noexcept { return end_ - begin_; }
+  // Room for `bytes` more behind the buffered bytes, which move to the
+  // front; false when the memory cannot be had.
+  [[nodiscard]] bool reserve(size_t bytes) noexcept;
+  uint8_t* tail() noexcept { return data_ + end_; }
+  void commit(size_t bytes) noexcept { end_ += bytes; }
+  // The next `bytes` buffered bytes (at most buffered()).
+  const uint8_t* take(size_t bytes) noexcept {
+    const uint8_t* at = data_ + begin_;
+    begin_ += bytes;
+    return at;
+  }
+
+ private:
+  Block block_;
+  uint8_t* data_ = nullptr;
+  size_t capacity_ = 0, begin_ = 0, end_ = 0;
+};
+
+static_assert(RecordBuffer::kLead >= kSectionLead && RecordBuffer::kSlack >= kSectionSlack);
+
 enum class Card : uint8_t { None, Jc4, Jc4Email, Jc4Network, Jc3, Jc5 };
+
+// CardState::offset when the next read starts where the open volume's stream
+// stands (after tryLoad, or after a volume was opened and positioned).
+constexpr uint64_t kAtStream = UINT64_MAX;
 
 // The card being read, from tryLoad to endLoad. Owns the open volume, the
 // temporary file of a decompressed card, and the band buffers.
@@ -220,6 +299,7 @@ struct CardState {
   // JC4 family: data bytes of the present volume and how many were used.
   uint64_t volumeBytes = 0, consumed = 0;
   uint64_t dataStart = 0;   // where records start in a volume
+  uint64_t offset = kAtStream;  // the open volume's next byte, read with positioned reads
   bool volumeMode = false;  // JC3, JC5: a numbered set
   uint32_t volumePicks = 0, volumeRead = 0;  // JC3: records a volume holds, read from it
   bool lengthened = false;  // JC4 e-mail: a volume letter was inserted into the name
@@ -227,8 +307,7 @@ struct CardState {
   std::vector<uint32_t> sectionHooks;
   uint64_t paddedBits = 0;
   TemporaryFile temporary;  // a decompressed card, deleted with the state
-  Block work;
-  size_t workBytes = 0;
+  RecordBuffer records;
   // Column plans by module size (index into kModuleSizes; 3 = identity) and
   // the mappings the chooser walks.
   ColumnPlan plans[4];
@@ -265,16 +344,20 @@ Status deliverJc4Family(const Band& band, Status (*nextVolume)(CardState&));
 // Band checks every card loader makes: a load is open, the buffer and
 // counts make sense, and no more rows are asked for than remain.
 Status checkBand(const CardState& st, const Band& band);
-// A work area of at least n bytes, kept between bands.
-uint8_t* workArea(CardState& st, size_t n);
 
 // The fixed outputs of a card: one bit a pixel, mirrored, single layer.
 void describeCard(Picture& out, uint8_t* colorMap, uint32_t width, uint32_t height);
 
-// JC4 family: reads n bytes of card data into dst, moving to the next volume
-// (opened by `nextVolume`) whenever one is used up. Bytes past the end of a
-// file read as zero.
-Status readCardBytes(CardState& st, uint8_t* dst, size_t n, Status (*nextVolume)(CardState&));
+// Reading ahead: one read brings at most this much beyond the band, which
+// keeps it in the processor's second-level cache until the kernels use it.
+constexpr size_t kReadAheadBytes = 256 * 1024;
+// The next n bytes of card data, into `out`, from the buffer and then from
+// the open volume, reading up to `ahead` bytes more while at it. Bytes past
+// the end of a file read as zero. With `nextVolume` (the JC4 family), each
+// volume gives volumeBytes bytes and the next is opened when one is used up;
+// reading ahead stays within the volume.
+Status takeCardBytes(CardState& st, size_t n, uint64_t ahead, Status (*nextVolume)(CardState&),
+                     const uint8_t*& out);
 
 // JC4 family: the plan for this band (identity for narrow records, else the
 // module size chosen from the band's records) gathered into the rows.

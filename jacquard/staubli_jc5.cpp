@@ -69,10 +69,10 @@ bool inRange(int32_t v, uint32_t low, uint32_t high) noexcept {
   return v >= int32_t(low) && uint32_t(v) <= high;
 }
 
-// Reads n bytes, zeros for what the file does not hold.
-void readOrZero(std::FILE* f, uint8_t* dst, size_t n) noexcept {
-  const size_t got = f ? std::fread(dst, 1, n, f) : 0;
-  std::memset(dst + got, 0, n - got);
+// Bytes worth reading beyond a band of `rows`: the rest of the picture, but
+// none in a volume set, where each volume's records are counted as they go.
+uint64_t readAhead(const CardState& st, uint32_t rows) noexcept {
+  return st.volumeMode ? 0 : uint64_t{st.height - st.delivered - rows} * st.recordBytes;
 }
 
 // ---- JC3
@@ -136,15 +136,18 @@ Status deliverJc3(const Band& band) {
     if (!kernel.build(map, st.recordBytes)) plan.build(map, st.recordBytes);
   }
   const uint32_t rows = uint32_t(band.rowCount);
-  uint8_t* records = workArea(st, size_t{rows} * st.recordBytes);
-  if (!records) return Status::NoMemory;
   for (uint32_t r = 0; r < rows;) {
-    if (st.volumeMode && st.volumeRead == st.volumePicks)
+    if (st.volumeMode && st.volumeRead == st.volumePicks) {
       if (const Status s = nextJc3Volume(st); s != Status::Ok) return st.failed = s;
+      st.offset = kAtStream;
+    }
     // As many records as this volume still holds, in one read.
     uint32_t n = rows - r;
     if (st.volumeMode) n = std::max<uint32_t>(1, std::min(n, st.volumePicks - st.volumeRead));
-    readOrZero(st.file.get(), records, size_t{n} * st.recordBytes);
+    const uint8_t* records = nullptr;
+    if (const Status s = takeCardBytes(st, size_t{n} * st.recordBytes, readAhead(st, rows), nullptr, records);
+        s != Status::Ok)
+      return s;
     st.volumeRead += n;
     Band part = band;
     part.buffer = rowAt(band.buffer, r, band.rowStride);
@@ -308,18 +311,19 @@ Status deliverJc5(const Band& band) {
   const uint32_t rows = uint32_t(band.rowCount);
   const bool packed = st.hooks == st.paddedBits;
   const size_t rowBytes = (size_t{st.hooks} + 7) / 8;
-  uint8_t* area = workArea(st, kSectionLead + size_t{rows} * st.recordBytes + kSectionSlack);
-  if (!area) return Status::NoMemory;
-  uint8_t* records = area + kSectionLead;
   if (!packed && st.sectionJoin.empty()) st.sectionJoin.build(st.sectionHooks);
   for (uint32_t r = 0; r < rows;) {
     int switches = 0;
     while (st.volumeMode && st.volumePicks == 0) {
       if (++switches > kMaxVolumeSwitches) return st.failed = Status::CannotOpen;
       if (const Status s = nextJc5Volume(st); s != Status::Ok) return st.failed = s;
+      st.offset = kAtStream;
     }
     const uint32_t n = st.volumeMode ? std::min(rows - r, st.volumePicks) : rows - r;
-    readOrZero(st.file.get(), records, size_t{n} * st.recordBytes);
+    const uint8_t* records = nullptr;
+    if (const Status s = takeCardBytes(st, size_t{n} * st.recordBytes, readAhead(st, rows), nullptr, records);
+        s != Status::Ok)
+      return s;
     if (st.volumeMode) st.volumePicks -= n;
     for (uint32_t k = 0; k < n; ++k) {
       const uint8_t* rec = records + size_t{k} * st.recordBytes;

@@ -1,7 +1,7 @@
 // jacquard/staubli_simd.cpp: the card loaders' hot loops for processors with
-// 512-bit vectors (AVX-512 F/BW/VL/VBMI, GFNI, BMI2), each beside the plain
-// code that every other processor runs, and the planner that compiles a hook
-// mapping into vector steps.
+// 512-bit vectors (AVX-512 F/BW/VL/VBMI/VBMI2, GFNI, BMI2), each beside the
+// plain code that every other processor runs, and the planner that compiles a
+// hook mapping into vector steps.
 //
 // Why a mapping has the shape the kernel needs: a module wires its hooks in
 // rows of 12, and the pixels of one output byte are 8 hooks of one wiring
@@ -14,13 +14,14 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <iterator>
 #include <map>
 
 #include "jacquard/staubli.h"
 
 #if defined(__x86_64__)
 #include <immintrin.h>
-#define VLOAD_WIDE __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,gfni,bmi2")))
+#define VLOAD_WIDE __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,avx512vbmi2,gfni,bmi2")))
 #endif
 
 namespace ldr::staubli {
@@ -32,6 +33,7 @@ bool hasWideUnits() noexcept {
 #if defined(__x86_64__)
   static const bool has = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
                           __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi") &&
+                          __builtin_cpu_supports("avx512vbmi2") &&
                           __builtin_cpu_supports("gfni") && __builtin_cpu_supports("bmi2");
   return has;
 #else
@@ -76,6 +78,13 @@ constexpr uint64_t kPickBits = 0x8040201008040201ull;
 constexpr uint64_t kReverseMatrix = 0x8040201008040201ull;
 // Picks bit 7 - b into byte b: counts of the pixels of a row byte in pixel order.
 constexpr uint64_t kPickBitsReversed = 0x0102040810204080ull;
+
+// closeRuns' last step: byte i of the result is byte 7 - i % 7 of qword i / 7.
+alignas(64) constexpr auto kCloseOrder = [] {
+  std::array<uint8_t, 64> t{};
+  for (int i = 0; i < 56; ++i) t[size_t(i)] = uint8_t(i / 7 * 8 + 7 - i % 7);
+  return t;
+}();
 
 #if defined(__x86_64__)
 
@@ -142,26 +151,120 @@ VLOAD_WIDE void transposeTiles(const uint8_t* in, uint8_t* out, uint32_t tiles) 
 
 // Closes up runs of 14 pixels built as 16: of every 16-bit unit, first
 // pixel in the top bit, the top 14 bits are kept; 8 bytes in, 7 out. The
-// staged bytes come byte-reversed within each qword (the planner stores them
-// so), so a plain load gives the units as one big-endian number V whose
-// runs sit at bits 63..50, 47..34, 31..18 and 15..2. Shifting them up by 0,
-// 2, 4 and 6 closes the gaps, leaving 56 bits at the top; a byte permute
-// then takes the top 7 bytes of each qword, highest first.
-VLOAD_WIDE void closeRuns(const uint8_t* in, uint8_t* out, uint32_t groups) noexcept {
+// staged bytes come byte-reversed within each qword (the planners arrange
+// them so), so the units read as one big-endian number V whose runs sit at
+// bits 63..50, 47..34, 31..18 and 15..2. Shifting them up by 0, 2, 4 and 6
+// closes the gaps, leaving 56 bits at the top; a byte permute then takes the
+// top 7 bytes of each qword, highest first, into bytes 0..55.
+VLOAD_WIDE inline __m512i closeRuns(__m512i v) noexcept {
   constexpr uint64_t kRun = 0x3FFF;
-  const __m512i keep0 = _mm512_set1_epi64(int64_t(kRun << 50)), keep2 = _mm512_set1_epi64(int64_t(kRun << 36));
-  const __m512i keep4 = _mm512_set1_epi64(int64_t(kRun << 22)), keep6 = _mm512_set1_epi64(int64_t(kRun << 8));
-  alignas(64) uint8_t order[64] = {};
-  for (int i = 0; i < 56; ++i) order[i] = uint8_t(i / 7 * 8 + 7 - i % 7);
-  const __m512i pick = _mm512_load_si512(order);
-  for (uint32_t g = 0; g < groups; g += 8, in += 64, out += 56) {
-    const __m512i v = _mm512_loadu_si512(in);
-    __m512i r = _mm512_and_si512(v, keep0);
-    r = _mm512_ternarylogic_epi64(r, _mm512_slli_epi64(v, 2), keep2, 0xF8);  // r | (b & c)
-    r = _mm512_ternarylogic_epi64(r, _mm512_slli_epi64(v, 4), keep4, 0xF8);
-    r = _mm512_ternarylogic_epi64(r, _mm512_slli_epi64(v, 6), keep6, 0xF8);
-    const uint32_t bytes = 7 * std::min<uint32_t>(8, groups - g);
-    _mm512_mask_storeu_epi8(out, ~uint64_t{0} >> (64 - bytes), _mm512_permutexvar_epi8(pick, r));
+  const __m512i keep2 = _mm512_set1_epi64(int64_t(kRun << 36)), keep4 = _mm512_set1_epi64(int64_t(kRun << 22));
+  const __m512i keep6 = _mm512_set1_epi64(int64_t(kRun << 8));
+  __m512i r = _mm512_and_si512(v, _mm512_set1_epi64(int64_t(kRun << 50)));
+  r = _mm512_ternarylogic_epi64(r, _mm512_slli_epi64(v, 2), keep2, 0xF8);  // r | (b & c)
+  r = _mm512_ternarylogic_epi64(r, _mm512_slli_epi64(v, 4), keep4, 0xF8);
+  r = _mm512_ternarylogic_epi64(r, _mm512_slli_epi64(v, 6), keep6, 0xF8);
+  return _mm512_permutexvar_epi8(_mm512_load_si512(kCloseOrder.data()), r);
+}
+
+// Stores the closed form of `staged` padded bytes: 7 of every 8.
+VLOAD_WIDE inline void storeClosed(uint8_t* out, __m512i v, uint32_t staged) noexcept {
+  const uint32_t bytes = staged / 8 * 7;
+  _mm512_mask_storeu_epi8(out, ~uint64_t{0} >> (64 - bytes), closeRuns(v));
+}
+
+VLOAD_WIDE void closeRunsTiled(const uint8_t* in, uint8_t* out, uint32_t padded) noexcept {
+  for (uint32_t at = 0; at < padded; at += 64, in += 64, out += 56)
+    storeClosed(out, _mm512_loadu_si512(in), std::min<uint32_t>(64, padded - at));
+}
+
+// One 64-byte vector from its program's steps: each a byte permute of two
+// source windows, the bytes it provides kept by its mask.
+VLOAD_WIDE inline __m512i gather(const RowKernel::Program::Step*& s, const uint8_t*& ix, unsigned steps,
+                                 const uint8_t* src) noexcept {
+  __m512i acc = _mm512_setzero_si512();
+  for (; steps; --steps, ++s, ix += 64)
+    acc = _mm512_or_si512(acc, _mm512_maskz_permutex2var_epi8(s->mask, _mm512_loadu_si512(src + s->a),
+                                                              _mm512_loadu_si512(ix), _mm512_loadu_si512(src + s->b)));
+  return acc;
+}
+
+// Network rows that repeat row 0's steps a fixed distance further on: the
+// permute indices and masks are loaded once for all of them.
+template <int Steps>
+VLOAD_WIDE inline void repeatRows(Octet& rows, const RowKernel::Block& b, const RowKernel::Program::Step* s,
+                                  const uint8_t* ix, const uint8_t* src) noexcept {
+  __m512i idx[Steps];
+  __mmask64 mask[Steps];
+#pragma GCC unroll 4
+  for (int j = 0; j < Steps; ++j) idx[j] = _mm512_loadu_si512(ix + 64 * j), mask[j] = s[j].mask;
+#pragma GCC unroll 8
+  for (int k = 0; k < 8; ++k) {
+    if (k >= b.repeats) break;
+    const uint8_t* at = src + ptrdiff_t{k} * b.delta;
+    __m512i acc = _mm512_maskz_permutex2var_epi8(mask[0], _mm512_loadu_si512(at + s[0].a), idx[0],
+                                                 _mm512_loadu_si512(at + s[0].b));
+#pragma GCC unroll 4
+    for (int j = 1; j < Steps; ++j)
+      acc = _mm512_or_si512(acc, _mm512_maskz_permutex2var_epi8(mask[j], _mm512_loadu_si512(at + s[j].a), idx[j],
+                                                                _mm512_loadu_si512(at + s[j].b)));
+    rows.r[k] = acc;
+  }
+}
+
+template <int Flip, bool Close>
+VLOAD_WIDE void runGrouped(const RowKernel::Program& assembly, const std::vector<RowKernel::Block>& blocks,
+                           const std::vector<RowKernel::Output>& outputs, const RowKernel::Indices* outputIndex,
+                           uint32_t paddedBytes, const uint8_t* record, uint8_t* out) noexcept {
+  const __m512i pick = _mm512_set1_epi64(int64_t(kPickBits));
+  const RowKernel::Program::Step* s = assembly.steps.data();
+  const uint8_t* ix = assembly.index.data();
+  const uint8_t* per = assembly.perVector.data();
+  const RowKernel::Output* o = outputs.data();
+  for (const RowKernel::Block& b : blocks) {
+    __m512i t[8];
+    if (b.network) {
+      Octet rows;
+      const uint8_t* perRow = per;
+      switch (b.repeats ? perRow[0] : 0) {
+        case 1: repeatRows<1>(rows, b, s, ix, record); break;
+        case 2: repeatRows<2>(rows, b, s, ix, record); break;
+        case 3: repeatRows<3>(rows, b, s, ix, record); break;
+        default: break;
+      }
+      const unsigned repeated = b.repeats && perRow[0] <= 3 ? b.repeats : 0;
+#pragma GCC unroll 8
+      for (unsigned k = 0; k < 8; ++k) {
+        if (k < repeated) {
+          s += perRow[k], ix += 64 * size_t{perRow[k]}, ++per;
+          continue;
+        }
+        rows.r[k] = gather(s, ix, *per++, record);
+      }
+      const Octet q = interleave(rows);
+#pragma GCC unroll 8
+      for (int i = 0; i < 8; ++i) t[i] = _mm512_gf2p8affine_epi64_epi8(pick, q.r[i], Flip);
+    } else {
+#pragma GCC unroll 8
+      for (int i = 0; i < 8; ++i)
+        t[i] = i < b.registers ? _mm512_gf2p8affine_epi64_epi8(pick, gather(s, ix, *per++, record), Flip)
+                               : _mm512_setzero_si512();
+    }
+    for (uint32_t n = b.outputs; n; --n, ++o) {
+      __m512i acc = _mm512_setzero_si512();
+#pragma GCC unroll 4
+      for (int p = 0; p < 4; ++p)
+        if (o->mask[p])
+          acc = _mm512_or_si512(acc, _mm512_maskz_permutex2var_epi8(
+                                         o->mask[p], t[2 * p], _mm512_load_si512(outputIndex[o->index[p]].at), t[2 * p + 1]));
+      const uint32_t left = paddedBytes - o->at;
+      if (Close)
+        storeClosed(out + o->at / 64 * 56, acc, std::min<uint32_t>(64, left));
+      else if (left >= 64)
+        _mm512_storeu_si512(out + o->at, acc);
+      else
+        _mm512_mask_storeu_epi8(out + o->at, ~uint64_t{0} >> (64 - left), acc);
+    }
   }
 }
 
@@ -259,25 +362,38 @@ VLOAD_WIDE void findBreaks(const uint8_t* counts, uint32_t width, uint8_t tolera
   if (width % 64) breaks[width / 64] |= ~uint64_t{0} << (width % 64);
 }
 
-VLOAD_WIDE void joinWide(const std::vector<SectionJoin::Piece>& pieces, const uint8_t* record, uint8_t* row,
+// Lane i of a piece is the qword at offset + 8i funnel-shifted with the next
+// one: vpshrdvq does that in one step.
+VLOAD_WIDE inline __m512i cutPiece(const uint8_t* at, uint32_t shift) noexcept {
+  return _mm512_shrdv_epi64(_mm512_loadu_si512(at), _mm512_loadu_si512(at + 8), _mm512_set1_epi64(shift));
+}
+
+VLOAD_WIDE inline void storeRowVector(uint8_t* row, uint32_t at, uint32_t rowBytes, __m512i bits) noexcept {
+  const __m512i out = _mm512_gf2p8affine_epi64_epi8(bits, _mm512_set1_epi64(int64_t(kReverseMatrix)), 0);
+  if (rowBytes - at >= 64)
+    _mm512_storeu_si512(row + at, out);
+  else
+    _mm512_mask_storeu_epi8(row + at, ~uint64_t{0} >> (64 - (rowBytes - at)), out);
+}
+
+// Raw pointers and counts: the stores into the row may alias anything, and
+// would make the compiler reload a vector's insides after each one.
+VLOAD_WIDE void joinWide(const SectionJoin::Span* span, const SectionJoin::Span* end,
+                         const SectionJoin::Piece* meeting, const uint8_t* record, uint8_t* row,
                          uint32_t rowBytes) noexcept {
-  const __m512i reverse = _mm512_set1_epi64(int64_t(kReverseMatrix));
-  for (size_t i = 0; i < pieces.size();) {
-    const uint32_t v = pieces[i].vector;
-    __m512i acc = _mm512_setzero_si512();
-    for (; i < pieces.size() && pieces[i].vector == v; ++i) {
-      const SectionJoin::Piece& p = pieces[i];
-      const __m512i lo = _mm512_loadu_si512(record + p.offset), hi = _mm512_loadu_si512(record + p.offset + 8);
-      const __m512i bits = _mm512_or_si512(_mm512_srl_epi64(lo, _mm_cvtsi32_si128(int(p.shift))),
-                                           _mm512_sll_epi64(hi, _mm_cvtsi32_si128(int(64 - p.shift))));
-      acc = _mm512_ternarylogic_epi64(acc, bits, _mm512_loadu_si512(p.lanes), 0xF8);  // acc | (bits & lanes)
+  for (; span != end; ++span) {
+    const uint32_t at = 64 * span->vector;
+    if (span->run) {
+      const uint8_t* from = record + span->offset;
+      for (uint32_t v = 0; v < span->run; ++v, from += 64)
+        storeRowVector(row, at + 64 * v, rowBytes, cutPiece(from, span->shift));
+      continue;
     }
-    const __m512i out = _mm512_gf2p8affine_epi64_epi8(acc, reverse, 0);
-    const uint32_t at = 64 * v;
-    if (rowBytes - at >= 64)
-      _mm512_storeu_si512(row + at, out);
-    else
-      _mm512_mask_storeu_epi8(row + at, ~uint64_t{0} >> (64 - (rowBytes - at)), out);
+    __m512i acc = _mm512_setzero_si512();
+    for (uint32_t n = span->pieces; n; --n, ++meeting)
+      acc = _mm512_ternarylogic_epi64(acc, cutPiece(record + meeting->offset, meeting->shift),
+                                      _mm512_loadu_si512(meeting->lanes), 0xF8);  // acc | (b & c)
+    storeRowVector(row, at, rowBytes, acc);
   }
 }
 
@@ -298,10 +414,20 @@ VLOAD_WIDE void reverseWide(uint8_t* dst, const uint8_t* src, size_t n) noexcept
 #endif
 #endif  // __x86_64__
 
+// True when x holds a run of at least n set bits (1 <= n <= 64). With E_k the
+// bits that start a run of k, E_2k = E_k & E_k >> k, and E_(k+j) =
+// E_k & E_k >> j for j <= k: a handful of steps for any n.
+bool hasRun(uint64_t x, uint32_t n) noexcept {
+  uint32_t have = 1;
+  for (; 2 * have <= n; have *= 2) x &= x >> have;
+  if (have < n) x &= x >> (n - have);
+  return x != 0;
+}
+
 // Longest stretch of 0 bits in breaks (words bits of which `width` count),
 // plus one: the chooser's smoothness. A stretch runs on from one word into
-// the next; inside a word, x &= x >> 1 shortens every run of 1s by one, so
-// the steps it takes to clear the word is its longest run.
+// the next; inside a word only a run longer than the best so far matters, so
+// each word is asked whether it beats it, which it rarely does.
 uint32_t longestStretch(const uint64_t* breaks, uint32_t width) noexcept {
   uint32_t current = 0, best = 0;
   for (uint32_t i = 0; i < (width + 63) / 64; ++i) {
@@ -312,12 +438,8 @@ uint32_t longestStretch(const uint64_t* breaks, uint32_t width) noexcept {
     }
     const int low = __builtin_ctzll(b), high = __builtin_clzll(b);
     best = std::max(best, current + uint32_t(low));
-    if (best < 62) {
-      uint64_t inner = ~b & (~uint64_t{0} >> high) & (~uint64_t{0} << low);
-      uint32_t run = 0;
-      for (; inner; ++run) inner &= inner >> 1;
-      best = std::max(best, run);
-    }
+    const uint64_t inner = ~b & (~uint64_t{0} >> high) & (~uint64_t{0} << low);
+    while (best < 62 && hasRun(inner, best + 1)) ++best;
     current = uint32_t(high);
   }
   return std::max(best, current) + 1;
@@ -386,36 +508,23 @@ void RowKernel::Program::compile(const std::vector<uint32_t>& source, uint32_t s
 
 // ---- Kernel planning
 
-bool RowKernel::build(std::span<const uint32_t> map, uint32_t recordBytes) {
-  tried_ = true;
-  ready_ = false;
-  const size_t width = map.size();
-  if (!useWidePath() || width == 0 || width % 8 != 0 || recordBytes < 64) return false;
-  const uint64_t bits = uint64_t{recordBytes} * 8;
-  if (std::any_of(map.begin(), map.end(), [bits](uint32_t p) { return p >= bits; })) return false;
-  std::vector<uint32_t> pixels(map.begin(), map.end());
-  runsOf14_ = false;
-  if (plan(pixels, recordBytes)) return ready_ = true;
-  // Runs of 14 pixels whose bytes are 8 + 6 rows: pad each run to 16.
-  if (width % 56 != 0) return false;
-  pixels.assign(width / 14 * 16, Program::kNone);
-  for (size_t x = 0; x < width; ++x) pixels[x / 14 * 16 + x % 14] = map[x];
-  runsOf14_ = true;
-  return ready_ = plan(pixels, recordBytes);
-}
+namespace {
 
-bool RowKernel::plan(const std::vector<uint32_t>& pixels, uint32_t recordBytes) {
-  constexpr uint32_t kNone = Program::kNone;
-  using Column = std::array<uint32_t, 8>;  // record byte of each pixel, or kNone
+constexpr uint32_t kNone = RowKernel::Program::kNone;
+using Column = std::array<uint32_t, 8>;  // record byte of each pixel of an output byte, or kNone
+
+// The columns of a mapping: output byte i shows bit byteSource[i] % 8 of
+// column byteSource[i] / 8. False when some output byte's pixels are not one
+// bit position of their bytes.
+bool findColumns(const std::vector<uint32_t>& pixels, std::vector<Column>& columns, std::vector<uint32_t>& byteSource) {
   std::map<Column, uint32_t> ids;
-  std::vector<Column> columns;
-  const uint32_t outBytes = uint32_t(pixels.size() / 8);
-  std::vector<uint32_t> byteSource(outBytes);
-  for (uint32_t i = 0; i < outBytes; ++i) {
+  const size_t outBytes = pixels.size() / 8;
+  byteSource.assign(outBytes, 0);
+  for (size_t i = 0; i < outBytes; ++i) {
     Column c;
     int bit = -1;
     for (uint32_t k = 0; k < 8; ++k) {
-      const uint32_t p = pixels[8 * size_t{i} + k];
+      const uint32_t p = pixels[8 * i + k];
       c[k] = p == kNone ? kNone : p / 8;
       if (p == kNone) continue;
       if (bit >= 0 && int(p % 8) != bit) return false;
@@ -426,6 +535,205 @@ bool RowKernel::plan(const std::vector<uint32_t>& pixels, uint32_t recordBytes) 
     if (added) columns.push_back(c);
     byteSource[i] = at->second * 8 + uint32_t(bit);
   }
+  return true;
+}
+
+// Runs of 14 come out of the permutes byte-reversed within each qword, the
+// order closeRuns takes them in.
+std::vector<uint32_t> stagedForClosing(const std::vector<uint32_t>& byteSource) {
+  std::vector<uint32_t> staged(byteSource.size());
+  for (size_t p = 0; p < staged.size(); ++p) staged[p] = byteSource[(p & ~size_t{7}) | (7 - p % 8)];
+  return staged;
+}
+
+// Straight assembly pays when a register's columns lie within a few windows.
+constexpr unsigned kMaxStraightSteps = 3;
+constexpr uint32_t kMaxGroupColumns = 32;  // four registers
+
+}  // namespace
+
+bool RowKernel::build(std::span<const uint32_t> map, uint32_t recordBytes, Layout layout) {
+  tried_ = true;
+  ready_ = false;
+  const size_t width = map.size();
+  if (!useWidePath() || width == 0 || width % 8 != 0 || recordBytes < 64) return false;
+  const uint64_t bits = uint64_t{recordBytes} * 8;
+  if (std::any_of(map.begin(), map.end(), [bits](uint32_t p) { return p >= bits; })) return false;
+  recordBytes_ = recordBytes;
+  // Runs of 14 pixels whose bytes are 8 + 6 rows: each run padded to 16.
+  std::vector<uint32_t> pixels(map.begin(), map.end()), padded;
+  if (width % 56 == 0) {
+    padded.assign(width / 14 * 16, kNone);
+    for (size_t x = 0; x < width; ++x) padded[x / 14 * 16 + x % 14] = map[x];
+  }
+  // The grouped layout first, in either form, then the tiled one.
+  for (const bool grouped : {true, false}) {
+    if (layout == (grouped ? Layout::Tiled : Layout::Grouped)) continue;
+    for (const std::vector<uint32_t>* form : {&pixels, &padded}) {
+      if (form->empty()) continue;
+      runsOf14_ = form == &padded;
+      grouped_ = grouped;
+      if (grouped ? planGrouped(*form, recordBytes) : planTiled(*form, recordBytes)) return ready_ = true;
+    }
+  }
+  return false;
+}
+
+// Groups: each output vector joins the group before it when they share a
+// column, as long as the group stays within four registers. Within a group
+// the columns go in record order, so that neighbouring register slots read
+// neighbouring bytes.
+bool RowKernel::planGrouped(const std::vector<uint32_t>& pixels, uint32_t recordBytes) {
+  std::vector<Column> columns;
+  std::vector<uint32_t> byteSource;
+  if (!findColumns(pixels, columns, byteSource)) return false;
+  const uint32_t outBytes = uint32_t(byteSource.size());
+  if (runsOf14_) byteSource = stagedForClosing(byteSource);
+  struct Group {
+    std::vector<uint32_t> columns;
+    uint32_t first = 0, vectors = 0, registers = 0;
+  };
+  std::vector<Group> groups;
+  for (uint32_t v = 0; v * 64 < outBytes; ++v) {
+    std::vector<uint32_t> used;
+    for (uint32_t i = 64 * v; i < std::min(outBytes, 64 * v + 64); ++i) used.push_back(byteSource[i] / 8);
+    std::sort(used.begin(), used.end());
+    used.erase(std::unique(used.begin(), used.end()), used.end());
+    std::vector<uint32_t> joined;
+    if (!groups.empty()) {
+      const std::vector<uint32_t>& last = groups.back().columns;
+      std::set_union(last.begin(), last.end(), used.begin(), used.end(), std::back_inserter(joined));
+    }
+    if (!groups.empty() && joined.size() < groups.back().columns.size() + used.size()) {
+      groups.back().columns.swap(joined);
+      ++groups.back().vectors;
+    } else {
+      groups.push_back({used, v, 1, 0});
+    }
+    if (groups.back().columns.size() > kMaxGroupColumns) return false;
+  }
+  const auto firstByte = [&](uint32_t id) { return std::min(columns[id][0], kNone - 1); };
+  for (Group& g : groups) {
+    std::stable_sort(g.columns.begin(), g.columns.end(),
+                     [&](uint32_t a, uint32_t b) { return firstByte(a) < firstByte(b); });
+    g.registers = uint32_t(g.columns.size() + 7) / 8;
+  }
+  // Where each column lands: register (within its block) and qword.
+  std::vector<uint8_t> slotOf(columns.size());
+  std::vector<uint32_t> source;
+  blocks_.clear();
+  // Straight: register r of a group holds its columns 8r .. 8r + 7.
+  for (const Group& g : groups) {
+    Block b;
+    b.registers = uint8_t(g.registers);
+    b.outputs = g.vectors;
+    blocks_.push_back(b);
+    for (uint32_t r = 0; r < g.registers; ++r)
+      for (uint32_t q = 0; q < 8; ++q) {
+        const uint32_t slot = 8 * r + q;
+        for (uint32_t k = 0; k < 8; ++k)
+          source.push_back(slot < g.columns.size() ? columns[g.columns[slot]][k] : kNone);
+        if (slot < g.columns.size()) slotOf[g.columns[slot]] = uint8_t(slot);
+      }
+  }
+  assembly_.compile(source, recordBytes, false);
+  if (std::any_of(assembly_.perVector.begin(), assembly_.perVector.end(),
+                  [](uint8_t steps) { return steps > kMaxStraightSteps; })) {
+    // Through the network: a tile takes groups of two registers at an even
+    // register and of four at register 0 or 4. Row k of a tile holds byte k
+    // of its columns; lane L of the network feeds qwords 2L and 2L + 1 of
+    // every register, so a group's columns fill its lanes one after another
+    // and each lane reads from one stretch of the record.
+    blocks_.clear();
+    source.clear();
+    uint32_t used = 8;
+    std::vector<uint32_t> tile;
+    const auto closeTile = [&] {
+      if (!tile.empty()) source.insert(source.end(), tile.begin(), tile.end());
+      tile.assign(kTileBytes, kNone);
+      used = 0;
+    };
+    for (const Group& g : groups) {
+      const uint32_t span = g.registers <= 2 ? 2 : 4;
+      used = (used + span - 1) / span * span;
+      if (used + span > 8) {
+        closeTile();
+        blocks_.push_back({true, 0, 0});
+      }
+      blocks_.back().outputs += g.vectors;
+      for (uint32_t slot = 0; slot < g.columns.size(); ++slot) {
+        const uint32_t lane = slot / (2 * span), within = slot % (2 * span);
+        const uint32_t reg = used + within / 2, qword = 2 * lane + within % 2;
+        for (uint32_t k = 0; k < 8; ++k) tile[64 * k + tileInputColumn(8 * reg + qword)] = columns[g.columns[slot]][k];
+        slotOf[g.columns[slot]] = uint8_t(8 * reg + qword);
+      }
+      used += span;
+    }
+    closeTile();
+    assembly_.compile(source, recordBytes, false);
+    findRepeats();
+  }
+  // Each output vector from the registers of its block: pair p gives the
+  // bytes of its columns, bit b of column slot s being byte 8 (s % 8) + b of
+  // register s / 8.
+  outputs_.clear();
+  outputIndex_.clear();
+  for (const Group& g : groups)
+    for (uint32_t v = g.first; v < g.first + g.vectors; ++v) {
+      Output o;
+      o.at = 64 * v;
+      Indices idx[4] = {};
+      for (uint32_t i = 64 * v; i < std::min(outBytes, 64 * v + 64); ++i) {
+        const uint32_t slot = slotOf[byteSource[i] / 8], reg = slot / 8, pair = reg / 2;
+        o.mask[pair] |= uint64_t{1} << (i - 64 * v);
+        idx[pair].at[i - 64 * v] = uint8_t((reg % 2) * 64 + (slot % 8) * 8 + byteSource[i] % 8);
+      }
+      for (uint32_t p = 0; p < 4; ++p)
+        if (o.mask[p]) {
+          o.index[p] = uint32_t(outputIndex_.size());
+          outputIndex_.push_back(idx[p]);
+        }
+      outputs_.push_back(o);
+    }
+  paddedBytes_ = outBytes;
+  rowBytes_ = runsOf14_ ? outBytes / 8 * 7 : outBytes;
+  return true;
+}
+
+// Marks the network rows that take row 0's steps, each a fixed distance
+// further into the record (the columns of a tile usually step through the
+// record alike); windows clamped at the record's end break the pattern.
+void RowKernel::findRepeats() {
+  const Program& p = assembly_;
+  size_t step = 0, row = 0;
+  for (Block& b : blocks_) {
+    const uint8_t* per = &p.perVector[row];
+    const size_t first = step;
+    b.repeats = 1;
+    b.delta = 0;
+    for (size_t k = 1, at = first + per[0]; k < 8; at += per[k], ++k) {
+      if (per[k] != per[0]) break;
+      const int32_t delta = int32_t(p.steps[at].a) - int32_t(p.steps[first].a);
+      if (k == 1) b.delta = delta;
+      bool same = delta == int32_t(k) * b.delta;
+      for (size_t j = 0; same && j < per[0]; ++j) {
+        const Program::Step &x = p.steps[first + j], &y = p.steps[at + j];
+        same = x.mask == y.mask && int32_t(y.a - x.a) == delta && int32_t(y.b - x.b) == delta &&
+               std::equal(&p.index[64 * (first + j)], &p.index[64 * (first + j) + 64], &p.index[64 * (at + j)]);
+      }
+      if (!same) break;
+      b.repeats = uint8_t(k + 1);
+    }
+    for (size_t k = 0; k < 8; ++k) step += per[k];
+    row += 8;
+  }
+}
+
+bool RowKernel::planTiled(const std::vector<uint32_t>& pixels, uint32_t recordBytes) {
+  std::vector<Column> columns;
+  std::vector<uint32_t> byteSource;
+  if (!findColumns(pixels, columns, byteSource)) return false;
+  const uint32_t outBytes = uint32_t(byteSource.size());
   // Column order decides how many source windows each step needs. The
   // columns of one region of the record (eight rows of its stride) go
   // together, so that a tile row gathers from few windows; within a region
@@ -452,15 +760,10 @@ bool RowKernel::plan(const std::vector<uint32_t>& pixels, uint32_t recordBytes) 
     for (uint32_t k = 0; k < 8; ++k)
       tileSource[size_t{id / 64} * kTileBytes + 64 * k + tileInputColumn(id % 64)] = columns[id][k];
   columns_.compile(tileSource, recordBytes, false);
-  if (runsOf14_) {
-    // Staged bytes are stored byte-reversed within each qword for closeRuns.
-    std::vector<uint32_t> staged(byteSource.size());
-    for (size_t p = 0; p < staged.size(); ++p) staged[p] = byteSource[(p & ~size_t{7}) | (7 - p % 8)];
-    byteSource.swap(staged);
-  }
+  if (runsOf14_) byteSource = stagedForClosing(byteSource);
   bytes_.compile(byteSource, tiles_ * kTileBytes, true);
+  paddedBytes_ = outBytes;
   rowBytes_ = runsOf14_ ? outBytes / 8 * 7 : outBytes;
-  recordBytes_ = recordBytes;
   // Tiles, transposed tiles and staged bytes, each on a cache line.
   scratch_.assign(size_t{tiles_} * kTileBytes * 2 + outBytes + 128, 0);
   return true;
@@ -470,6 +773,14 @@ bool RowKernel::plan(const std::vector<uint32_t>& pixels, uint32_t recordBytes) 
 
 void RowKernel::runInto(const uint8_t* record, uint8_t* out, bool setWhenZero) noexcept {
 #if defined(__x86_64__)
+  if (grouped_) {
+    const Indices* ix = outputIndex_.data();
+    if (runsOf14_)
+      return setWhenZero ? runGrouped<0xFF, true>(assembly_, blocks_, outputs_, ix, paddedBytes_, record, out)
+                         : runGrouped<0, true>(assembly_, blocks_, outputs_, ix, paddedBytes_, record, out);
+    return setWhenZero ? runGrouped<0xFF, false>(assembly_, blocks_, outputs_, ix, paddedBytes_, record, out)
+                       : runGrouped<0, false>(assembly_, blocks_, outputs_, ix, paddedBytes_, record, out);
+  }
   uint8_t* tiled = scratch_.data() + (-reinterpret_cast<uintptr_t>(scratch_.data()) % 64);
   uint8_t* transposed = tiled + size_t{tiles_} * kTileBytes;
   uint8_t* staged = transposed + size_t{tiles_} * kTileBytes;
@@ -480,7 +791,7 @@ void RowKernel::runInto(const uint8_t* record, uint8_t* out, bool setWhenZero) n
     transposeTiles<0>(tiled, transposed, tiles_);
   if (!runsOf14_) return runProgram(bytes_, transposed, out);
   runProgram(bytes_, transposed, staged);
-  closeRuns(staged, out, bytes_.outBytes / 8);
+  closeRunsTiled(staged, out, paddedBytes_);
 #else
   (void)record, (void)out, (void)setWhenZero;
 #endif
@@ -526,7 +837,7 @@ void countPlanes(const uint8_t* records, uint32_t rows, uint32_t recordBytes, ui
 // with lo, hi the qwords at o + 8i and o + 8i + 8. d > -512 keeps o >= -64.
 void SectionJoin::build(std::span<const uint32_t> sectionHooks) {
   hooks_.assign(sectionHooks.begin(), sectionHooks.end());
-  pieces_.clear();
+  std::vector<Piece> pieces;
   uint64_t at = 0, start = 0;
   for (uint32_t hooks : hooks_) {
     for (uint64_t v = at / 512; hooks && v * 512 < at + hooks; ++v) {
@@ -537,19 +848,40 @@ void SectionJoin::build(std::span<const uint32_t> sectionHooks) {
       p.vector = uint32_t(v);
       const uint64_t first = std::max(at, v * 512) - v * 512, last = std::min(at + hooks, v * 512 + 512) - v * 512;
       for (uint64_t b = first; b < last; ++b) p.lanes[b / 64] |= uint64_t{1} << (b % 64);
-      pieces_.push_back(p);
+      pieces.push_back(p);
     }
     at += hooks;
     start += (uint64_t{hooks} + 7) / 8;
   }
-  std::stable_sort(pieces_.begin(), pieces_.end(), [](const Piece& a, const Piece& b) { return a.vector < b.vector; });
+  std::stable_sort(pieces.begin(), pieces.end(), [](const Piece& a, const Piece& b) { return a.vector < b.vector; });
   rowBytes_ = uint32_t((at + 7) / 8);
+  spans_.clear();
+  meetings_.clear();
+  const auto full = [](uint64_t lane) { return lane == ~uint64_t{0}; };
+  for (size_t i = 0; i < pieces.size();) {
+    const Piece& p = pieces[i];
+    size_t n = 1;
+    while (i + n < pieces.size() && pieces[i + n].vector == p.vector) ++n;
+    if (n == 1 && std::all_of(p.lanes, p.lanes + 8, full)) {
+      Span* last = spans_.empty() ? nullptr : &spans_.back();
+      if (last && last->run && last->vector + last->run == p.vector && last->shift == p.shift &&
+          int64_t(last->offset) + 64 * int64_t(last->run) == p.offset)
+        ++last->run;
+      else
+        spans_.push_back({p.vector, 1, 0, p.offset, p.shift});
+    } else {
+      spans_.push_back({p.vector, 0, uint32_t(n), 0, 0});
+      meetings_.insert(meetings_.end(), pieces.begin() + ptrdiff_t(i), pieces.begin() + ptrdiff_t(i + n));
+    }
+    i += n;
+  }
   words_.assign(size_t(at / 64) + 2, 0);
 }
 
 void SectionJoin::run(const uint8_t* record, uint8_t* row) noexcept {
 #if defined(__x86_64__)
-  if (useWidePath()) return joinWide(pieces_, record, row, rowBytes_);
+  if (useWidePath())
+    return joinWide(spans_.data(), spans_.data() + spans_.size(), meetings_.data(), record, row, rowBytes_);
 #endif
   // Plain: one 64-bit word at a time, each section's words moved up by its
   // start within the word and ORed onto what the sections before left.

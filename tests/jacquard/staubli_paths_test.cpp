@@ -175,3 +175,51 @@ TEST(StaubliWide, LoadsMatchThePlainPath) {
 }
 
 }  // namespace
+
+namespace {
+
+// Each layout of the wide kernel against the column plans, on every module
+// size and count, both pixel senses; and the shapes the loaders use most
+// must get the grouped layout, or the loaders silently fall back to the
+// slower one.
+TEST(StaubliWide, EveryLayoutMatchesTheColumnPlans) {
+  SKIP_WITHOUT_WIDE_UNITS();
+  const ForcePath wide(CardPath::Wide);
+  using Layout = ldr::staubli::RowKernel::Layout;
+  for (uint32_t size : {1344u, 1536u, 3072u})
+    for (uint32_t modules : {1u, 2u, 3u, 4u, 7u, 8u})
+      for (bool blockwise : {false, true}) {
+        const std::vector<uint32_t> map = ldr::staubli::cardMapping(size, modules, blockwise);
+        const uint32_t recordBytes = size * modules / 8;
+        ldr::staubli::ColumnPlan plan;
+        plan.build(map, recordBytes);
+        const Bytes records = randomBytes(size_t{recordBytes} * 2, size * modules);
+        for (Layout layout : {Layout::Grouped, Layout::Tiled}) {
+          SCOPED_TRACE(std::to_string(size) + " x " + std::to_string(modules) + (blockwise ? " blockwise" : "") +
+                       (layout == Layout::Grouped ? " grouped" : " tiled"));
+          ldr::staubli::RowKernel kernel;
+          if (!kernel.build(map, recordBytes, layout)) continue;
+          ASSERT_EQ(kernel.layout(), layout);
+          for (uint32_t r = 0; r < 2; ++r)
+            for (bool setWhenZero : {true, false}) {
+              Bytes want(recordBytes, 0), got(recordBytes + 1, 0xA5);
+              plan.gather(records.data() + r * recordBytes, want.data(), setWhenZero);
+              kernel.run(records.data() + r * recordBytes, got.data(), setWhenZero);
+              EXPECT_EQ(got[recordBytes], 0xA5) << "wrote past the row";
+              got.pop_back();
+              ASSERT_EQ(got, want) << "record " << r;
+            }
+        }
+      }
+  struct Shape {
+    uint32_t size, modules;
+    bool blockwise;
+  };
+  for (const Shape& s : {Shape{1536, 8, false}, Shape{3072, 4, false}, Shape{1344, 8, false}, Shape{1344, 7, true}}) {
+    ldr::staubli::RowKernel kernel;
+    ASSERT_TRUE(kernel.build(ldr::staubli::cardMapping(s.size, s.modules, s.blockwise), s.size * s.modules / 8));
+    EXPECT_EQ(kernel.layout(), Layout::Grouped) << s.size << " x " << s.modules;
+  }
+}
+
+}  // namespace

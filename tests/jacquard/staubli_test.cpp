@@ -242,4 +242,21 @@ TEST(Jc3, VolumeSetsAndRefusals) {
   }
 }
 
+// Records are read ahead of the band, but never from the next volume: a
+// missing volume fails the first band that needs it, not one before.
+TEST(Jc4, ReadingAheadStaysInItsVolume) {
+  const BitPicture p = vtest::randomPicture(1344, 9000, 8);
+  const std::vector<Bytes> vols = vtest::jc4Volumes(p, {1450000 - 64});  // 8630 records and a part
+  const TempFile first(vols[0], "ahead.jc4.01", true);
+  returnLoaderFunctions(kJc4, first.path());
+  vload_tool::Description d;
+  ASSERT_EQ(vload_tool::describe(first.path(), d, true), VLOAD_OK);
+  Bytes image(size_t(d.stride) * p.height, 0);
+  for (uint32_t y = 0; y < 8000; y += 1000)
+    ASSERT_EQ(getLoadBand()(image.data() + size_t(y) * d.stride, 1000, d.stride, nullptr), VLOAD_OK) << y;
+  EXPECT_EQ(getLoadBand()(image.data() + size_t(8000) * d.stride, 1000, d.stride, nullptr), VLOAD_CANNOT_OPEN);
+  vload_tool::endLoad();
+  EXPECT_TRUE(std::equal(image.begin(), image.begin() + long(8000) * d.stride, p.rows.begin()));
+}
+
 }  // namespace
