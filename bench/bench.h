@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <string>
 
+#include "tools/drive.h"
+
 namespace vbench {
 
 // After the run, prints how fast `subject` ran as a share of `reference`
@@ -32,6 +34,17 @@ struct Pages {
 
 // Sets the "MP/s" counter from the pixels each iteration handled.
 void megapixels(benchmark::State& s, double pixelsPerIteration);
+
+// The plain reference of a loader that reads its file once: each iteration
+// freads the whole file into pages new from the kernel (`fresh`) or into the
+// same warm pages, the first byte `offset` past a page boundary. Counts the
+// file's bytes; returns its size.
+size_t timeFread(benchmark::State& s, const char* path, bool fresh, size_t offset = 0);
+
+// Each iteration installs `loader`, describes the file and delivers it in
+// 64-row bands into fresh or warm pages, as a host would. Counts the file's
+// bytes; returns the description.
+vload_tool::Description timeLoad(benchmark::State& s, int32_t loader, const char* path, bool fresh);
 
 // Peak resident memory of the process so far, in megabytes.
 double peakResidentMegabytes();

@@ -34,41 +34,13 @@ const vtest::TempFile& bmpFile(uint16_t bits) {
   return *f;
 }
 
-size_t fileSize(const char* path) { return vtest::readFile(path).size(); }
-
 void BM_Fread(benchmark::State& s, uint16_t bits, bool aligned, bool fresh) {
-  const vtest::TempFile& f = bmpFile(bits);
-  const size_t size = fileSize(f.path());
-  const size_t offset = aligned ? 0 : 54;
-  vbench::Pages warm(size, offset, true);
-  for (auto _ : s) {
-    vbench::Pages page(fresh ? size : 0, offset);
-    std::FILE* in = std::fopen(f.path(), "rb");
-    benchmark::DoNotOptimize(std::fread(fresh ? page.at : warm.at, 1, size, in));
-    std::fclose(in);
-    benchmark::ClobberMemory();
-  }
-  s.SetBytesProcessed(int64_t(s.iterations() * size));
+  vbench::timeFread(s, bmpFile(bits).path(), fresh, aligned ? 0 : 54);
   vbench::megapixels(s, double(kWidth) * kHeight);
 }
 
 void BM_BmpLoad(benchmark::State& s, uint16_t bits, bool fresh) {
-  const vtest::TempFile& f = bmpFile(bits);
-  vload_tool::Description d;
-  d.loader = vload_tool::install(24, f.path());
-  if (vload_tool::describe(f.path(), d, true) != VLOAD_OK) std::abort();
-  vload_tool::endLoad();
-  const size_t bytes = vload_tool::imageBytes(d);
-  vbench::Pages warm(bytes, 0, true);
-  for (auto _ : s) {
-    vbench::Pages page(fresh ? bytes : 0);
-    vload_tool::install(24, f.path());
-    if (vload_tool::describe(f.path(), d, true) != VLOAD_OK) std::abort();
-    if (vload_tool::deliverAll(d, fresh ? page.at : warm.at, 64) != VLOAD_OK) std::abort();
-    vload_tool::endLoad();
-    benchmark::ClobberMemory();
-  }
-  s.SetBytesProcessed(int64_t(s.iterations() * fileSize(f.path())));
+  vbench::timeLoad(s, 24, bmpFile(bits).path(), fresh);
   vbench::megapixels(s, double(kWidth) * kHeight);
 }
 

@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "bench/bench.h"
+#include "tests/support/temp_file.h"
+#include "vload.h"
 
 namespace vbench {
 namespace {
@@ -73,6 +75,39 @@ Pages::~Pages() { ::munmap(base_, mapped_); }
 void megapixels(benchmark::State& s, double pixelsPerIteration) {
   s.counters["MP/s"] = benchmark::Counter(double(s.iterations()) * pixelsPerIteration / 1e6,
                                           benchmark::Counter::kIsRate);
+}
+
+size_t timeFread(benchmark::State& s, const char* path, bool fresh, size_t offset) {
+  const size_t size = vtest::readFile(path).size();
+  Pages warm(size, offset, true);
+  for (auto _ : s) {
+    Pages page(fresh ? size : 0, offset);
+    std::FILE* in = std::fopen(path, "rb");
+    benchmark::DoNotOptimize(std::fread(fresh ? page.at : warm.at, 1, size, in));
+    std::fclose(in);
+    benchmark::ClobberMemory();
+  }
+  s.SetBytesProcessed(int64_t(s.iterations() * size));
+  return size;
+}
+
+vload_tool::Description timeLoad(benchmark::State& s, int32_t loader, const char* path, bool fresh) {
+  vload_tool::Description d;
+  d.loader = vload_tool::install(loader, path);
+  if (vload_tool::describe(path, d, true) != VLOAD_OK) std::abort();
+  vload_tool::endLoad();
+  const size_t bytes = vload_tool::imageBytes(d);
+  Pages warm(bytes, 0, true);
+  for (auto _ : s) {
+    Pages page(fresh ? bytes : 0);
+    vload_tool::install(loader, path);
+    if (vload_tool::describe(path, d, true) != VLOAD_OK) std::abort();
+    if (vload_tool::deliverAll(d, fresh ? page.at : warm.at, 64) != VLOAD_OK) std::abort();
+    vload_tool::endLoad();
+    benchmark::ClobberMemory();
+  }
+  s.SetBytesProcessed(int64_t(s.iterations() * vtest::readFile(path).size()));
+  return d;
 }
 
 double peakResidentMegabytes() {

@@ -37,37 +37,13 @@ const vtest::TempFile& pcxFile(const std::string& name) {
   return *f;
 }
 
-size_t fileSize(const char* path) { return vtest::readFile(path).size(); }
-
 void BM_PcxFread(benchmark::State& s, const char* name) {
-  const vtest::TempFile& f = pcxFile(name);
-  const size_t size = fileSize(f.path());
-  vbench::Pages warm(size, 0, true);
-  for (auto _ : s) {
-    std::FILE* in = std::fopen(f.path(), "rb");
-    benchmark::DoNotOptimize(std::fread(warm.at, 1, size, in));
-    std::fclose(in);
-    benchmark::ClobberMemory();
-  }
-  s.SetBytesProcessed(int64_t(s.iterations() * size));
+  vbench::timeFread(s, pcxFile(name).path(), false);
   vbench::megapixels(s, double(kWidth) * kHeight);
 }
 
 void BM_PcxLoad(benchmark::State& s, const char* name) {
-  const vtest::TempFile& f = pcxFile(name);
-  vload_tool::Description d;
-  d.loader = vload_tool::install(3, f.path());
-  if (vload_tool::describe(f.path(), d, true) != VLOAD_OK) std::abort();
-  vload_tool::endLoad();
-  vbench::Pages warm(vload_tool::imageBytes(d), 0, true);
-  for (auto _ : s) {
-    vload_tool::install(3, f.path());
-    if (vload_tool::describe(f.path(), d, true) != VLOAD_OK) std::abort();
-    if (vload_tool::deliverAll(d, warm.at, 64) != VLOAD_OK) std::abort();
-    vload_tool::endLoad();
-    benchmark::ClobberMemory();
-  }
-  s.SetBytesProcessed(int64_t(s.iterations() * fileSize(f.path())));
+  vbench::timeLoad(s, 3, pcxFile(name).path(), false);
   vbench::megapixels(s, double(kWidth) * kHeight);
 }
 

@@ -22,37 +22,13 @@ const vtest::TempFile& ppmFile() {
   return f;
 }
 
-size_t fileSize(const char* path) { return vtest::readFile(path).size(); }
-
 void BM_PnmFread(benchmark::State& s, bool fresh) {
-  const vtest::TempFile& f = ppmFile();
-  const size_t size = fileSize(f.path());
-  vbench::Pages warm(size, 0, true);
-  for (auto _ : s) {
-    vbench::Pages page(fresh ? size : 0);
-    std::FILE* in = std::fopen(f.path(), "rb");
-    benchmark::DoNotOptimize(std::fread(fresh ? page.at : warm.at, 1, size, in));
-    std::fclose(in);
-    benchmark::ClobberMemory();
-  }
-  s.SetBytesProcessed(int64_t(s.iterations() * size));
+  vbench::timeFread(s, ppmFile().path(), fresh);
   vbench::megapixels(s, double(kWidth) * kHeight);
 }
 
 void BM_PnmLoad(benchmark::State& s, bool fresh) {
-  const vtest::TempFile& f = ppmFile();
-  vload_tool::Description d;
-  const size_t bytes = size_t{kWidth} * kHeight * 3;
-  vbench::Pages warm(bytes, 0, true);
-  for (auto _ : s) {
-    vbench::Pages page(fresh ? bytes : 0);
-    d.loader = vload_tool::install(12, f.path());
-    if (vload_tool::describe(f.path(), d, true) != VLOAD_OK) std::abort();
-    if (vload_tool::deliverAll(d, fresh ? page.at : warm.at, 64) != VLOAD_OK) std::abort();
-    vload_tool::endLoad();
-    benchmark::ClobberMemory();
-  }
-  s.SetBytesProcessed(int64_t(s.iterations() * fileSize(f.path())));
+  vbench::timeLoad(s, 12, ppmFile().path(), fresh);
   vbench::megapixels(s, double(kWidth) * kHeight);
 }
 

@@ -25,34 +25,13 @@ const vtest::TempFile& psdFile(bool packBits) {
   return packBits ? packed : raw;
 }
 
-size_t fileSize(const char* path) { return vtest::readFile(path).size(); }
-
 void BM_PsdFread(benchmark::State& s, bool packBits) {
-  const vtest::TempFile& f = psdFile(packBits);
-  const size_t size = fileSize(f.path());
-  vbench::Pages warm(size, 0, true);
-  for (auto _ : s) {
-    std::FILE* in = std::fopen(f.path(), "rb");
-    benchmark::DoNotOptimize(std::fread(warm.at, 1, size, in));
-    std::fclose(in);
-    benchmark::ClobberMemory();
-  }
-  s.SetBytesProcessed(int64_t(s.iterations() * size));
+  vbench::timeFread(s, psdFile(packBits).path(), false);
   vbench::megapixels(s, double(kWidth) * kHeight);
 }
 
 void BM_PsdLoad(benchmark::State& s, bool packBits) {
-  const vtest::TempFile& f = psdFile(packBits);
-  vload_tool::Description d;
-  vbench::Pages warm(size_t{kWidth} * kHeight * 3, 0, true);
-  for (auto _ : s) {
-    d.loader = vload_tool::install(76, f.path());
-    if (vload_tool::describe(f.path(), d, true) != VLOAD_OK) std::abort();
-    if (vload_tool::deliverAll(d, warm.at, 64) != VLOAD_OK) std::abort();
-    vload_tool::endLoad();
-    benchmark::ClobberMemory();
-  }
-  s.SetBytesProcessed(int64_t(s.iterations() * fileSize(f.path())));
+  vbench::timeLoad(s, 76, psdFile(packBits).path(), false);
   vbench::megapixels(s, double(kWidth) * kHeight);
 }
 

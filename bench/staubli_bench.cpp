@@ -73,39 +73,12 @@ const vtest::TempFile& cardFile(int i) {
   return *files[i];
 }
 
-size_t fileSize(const char* path) { return vtest::readFile(path).size(); }
-
 void BM_CardFread(benchmark::State& s, int card, bool fresh) {
-  const vtest::TempFile& f = cardFile(card);
-  const size_t size = fileSize(f.path());
-  vbench::Pages warm(size, 0, true);
-  for (auto _ : s) {
-    vbench::Pages page(fresh ? size : 0);
-    std::FILE* in = std::fopen(f.path(), "rb");
-    benchmark::DoNotOptimize(std::fread(fresh ? page.at : warm.at, 1, size, in));
-    std::fclose(in);
-    benchmark::ClobberMemory();
-  }
-  s.SetBytesProcessed(int64_t(s.iterations() * size));
+  vbench::timeFread(s, cardFile(card).path(), fresh);
 }
 
 void BM_CardLoad(benchmark::State& s, int card, bool fresh) {
-  const vtest::TempFile& f = cardFile(card);
-  vload_tool::Description d;
-  d.loader = vload_tool::install(kCards[card].loader, f.path());
-  if (vload_tool::describe(f.path(), d, true) != VLOAD_OK) std::abort();
-  vload_tool::endLoad();
-  const size_t bytes = vload_tool::imageBytes(d);
-  vbench::Pages warm(bytes, 0, true);
-  for (auto _ : s) {
-    vbench::Pages page(fresh ? bytes : 0);
-    vload_tool::install(kCards[card].loader, f.path());
-    if (vload_tool::describe(f.path(), d, true) != VLOAD_OK) std::abort();
-    if (vload_tool::deliverAll(d, fresh ? page.at : warm.at, 64) != VLOAD_OK) std::abort();
-    vload_tool::endLoad();
-    benchmark::ClobberMemory();
-  }
-  s.SetBytesProcessed(int64_t(s.iterations() * fileSize(f.path())));
+  const vload_tool::Description d = vbench::timeLoad(s, kCards[card].loader, cardFile(card).path(), fresh);
   vbench::megapixels(s, double(d.width) * d.height);
 }
 
