@@ -72,8 +72,16 @@ struct JpegState {
 };
 thread_local JpegState t_jpeg;
 
+// libjpeg's default handlers print on stderr, which is the host's to use: an
+// error only fails the call (the status says so), and a warning about data it
+// recovered from goes to the warning channel, where the host can silence it.
+void onJpegMessage(j_common_ptr c) noexcept {
+  char text[JMSG_LENGTH_MAX];
+  (*c->err->format_message)(c, text);
+  ErrNonfatal("JPEG: %s", text);
+}
+
 [[noreturn]] void onJpegError(j_common_ptr c) noexcept {
-  (*c->err->output_message)(c);
   std::longjmp(reinterpret_cast<JpegError*>(c->err)->jump, 1);
 }
 
@@ -212,6 +220,7 @@ Status describe(const char* fileName, Picture& out, uint8_t* colorMap, bool read
   jpeg_decompress_struct& c = st.cinfo;
   c.err = jpeg_std_error(&st.error.pub);
   st.error.pub.error_exit = onJpegError;
+  st.error.pub.output_message = onJpegMessage;
   st.created = true;  // destroying a decompressor whose creation failed is harmless
   if (!jpegCall(st, [&] { readHeader(st); })) return Status::NotThisFormat;
 

@@ -91,6 +91,12 @@ png_voidp boundedMalloc(png_structp, png_alloc_size_t size) noexcept {
 
 void plainFree(png_structp, png_voidp p) noexcept { std::free(p); }
 
+// libpng's default handlers print on stderr, which is the host's to use: an
+// error only fails the call (the status says so), and a warning goes to the
+// warning channel, where the host can silence it.
+[[noreturn]] void onPngError(png_structp png, png_const_charp) { png_longjmp(png, 1); }
+void onPngWarning(png_structp, png_const_charp message) { ErrNonfatal("PNG: %s", message); }
+
 // Runs libpng steps with the jump point armed; false when libpng failed.
 template <class Step>
 [[nodiscard]] bool pngCall(png_structp png, Step&& step) noexcept {
@@ -268,7 +274,7 @@ Status describe(const char* fileName, Picture& out, uint8_t* colorMap, bool) {
   if (!readExact(st.file.get(), signature, sizeof signature) ||
       png_sig_cmp(signature, 0, sizeof signature) != 0)
     return Status::NotThisFormat;
-  st.png = png_create_read_struct_2(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr, nullptr,
+  st.png = png_create_read_struct_2(PNG_LIBPNG_VER_STRING, nullptr, onPngError, onPngWarning, nullptr,
                                     boundedMalloc, plainFree);
   if (!st.png) return Status::NoMemory;
   st.info = png_create_info_struct(st.png);

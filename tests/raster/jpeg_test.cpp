@@ -199,6 +199,10 @@ TEST(JpegProtocol, FailuresLeaveNothingOpen) {
       {"progressive, beyond the working memory", hugeProgressive(), VLOAD_NOT_THIS_FORMAT},
       {"cut in the scan: libjpeg pads it", vtest::truncated(good, good.size() - 200), VLOAD_OK},
   };
+  // libjpeg's messages never reach stderr: its warnings go to the warning
+  // channel, its errors only to the status.
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   const int fds = vtest::openFdCount();
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -206,6 +210,9 @@ TEST(JpegProtocol, FailuresLeaveNothingOpen) {
     for (int round = 0; round < 3; ++round) EXPECT_EQ(vtest::load(f.path(), kJpeg, 5).status, c.want);
     EXPECT_EQ(vtest::openFdCount(), fds);
   }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  const std::string warnings = testing::internal::GetCapturedStdout();
+  EXPECT_NE(warnings.find("\nNonfatal Error : JPEG: Premature end"), std::string::npos) << warnings;
   EXPECT_EQ(vtest::tryLoadStatus("/no/such/file.jpg", kJpeg), VLOAD_NOT_THIS_FORMAT);
 }
 

@@ -204,6 +204,7 @@ TEST(PngFailures, StatusesAndNothingLeftOpen) {
       {"cut in the pixels", vtest::truncated(good, good.size() - 60), VLOAD_OK, VLOAD_CANNOT_OPEN},
       {"no IEND", vtest::truncated(good, good.size() - 12), VLOAD_OK, VLOAD_CANNOT_OPEN},
   };
+  testing::internal::CaptureStderr();  // libpng's messages never reach it
   const int fds = vtest::openFdCount();
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -215,6 +216,7 @@ TEST(PngFailures, StatusesAndNothingLeftOpen) {
       EXPECT_EQ(vtest::openFdCount(), fds);
     }
   }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   EXPECT_EQ(vtest::tryLoadStatus("/no/such/file.png", kPng), VLOAD_CANNOT_OPEN);
   registerLoadPNG();
   Bytes row(200);
