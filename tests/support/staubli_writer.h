@@ -31,8 +31,8 @@ BitPicture rampPicture(uint32_t width, uint32_t height);
 std::vector<uint32_t> staubliPositions(uint32_t hooks, uint32_t moduleSize, bool blockwise);
 
 // A card's records after its first headerBytes split into volumes, each
-// behind the same header: `first` bytes in the first, `each` in every later
-// one, the last what is left.
+// behind the same header: `first` bytes in the first, `each` (not 0) in
+// every later one, the last what is left.
 std::vector<Bytes> volumes(const Bytes& card, size_t headerBytes, size_t first, size_t each);
 
 // ---- JC4 family
