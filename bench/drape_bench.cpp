@@ -16,6 +16,7 @@
 #include "framework/catalogue.h"
 #include "tests/support/drape_writer.h"
 #include "tests/support/harness.h"
+#include "tests/support/jpeg_writer.h"
 #include "tests/support/temp_file.h"
 #include "tests/support/tiff_writer.h"
 #include "tests/support/webp_writer.h"
@@ -27,7 +28,10 @@ constexpr uint32_t kWidth = 4000, kHeight = 3000;
 uint8_t pattern(uint32_t x, uint32_t y, uint32_t c) { return uint8_t((x * 7 + y * 13 + c * 101) ^ (x >> 3)); }
 
 vtest::Bytes startImage(int32_t loader) {
-  if (loader == 4) return vtest::jpegFile(kWidth, kHeight);
+  if (loader == 4)
+    return vtest::JpegBuilder{}.size(kWidth, kHeight).quality(75).samples([](uint32_t x, uint32_t y, int c) {
+      return pattern(x, y, uint32_t(c));
+    }).build();
   if (loader == 6) {
     vtest::WebpPicture s;
     s.width = kWidth;

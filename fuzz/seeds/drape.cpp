@@ -3,6 +3,9 @@
 
 #include "fuzz/seeds/seeds.h"
 #include "tests/support/drape_writer.h"
+#include "tests/support/gif_writer.h"
+#include "tests/support/jpeg_writer.h"
+#include "tests/support/png_writer.h"
 #include "tests/support/tiff_writer.h"
 #include "tests/support/webp_writer.h"
 
@@ -15,8 +18,9 @@ void drape(const vseed::Emit& emit) {
   vtest::WebpPicture webp;
   webp.width = 9;
   webp.height = 5;
-  for (const vtest::Bytes& image : {vtest::tiffFile(tiff), vtest::webpFile(webp), vtest::gifFile(6, 4),
-                                    vtest::pngFile(6, 4), vtest::jpegFile(6, 4)})
+  for (const vtest::Bytes& image :
+       {vtest::tiffFile(tiff), vtest::webpFile(webp), vtest::GifBuilder{}.size(6, 4).build(),
+        vtest::PngBuilder{}.size(6, 4).build(), vtest::JpegBuilder{}.size(6, 4).build()})
     emit(vtest::DrapeBuilder{}.region(2, 1, 1).texture(3).startImage(image).build(), 40);
 }
 

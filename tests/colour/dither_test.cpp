@@ -1,9 +1,12 @@
 // The ditherers and remappers against plain references written from their
-// rules, on random pictures: scaling by column and row maps, the per-cell
-// cache, shares by arithmetic shift and clamping, transparency and noise.
+// rules: the ditherer, which works on two rows at once, against one that takes
+// one row after another with every option (strength, noise, scaling by column
+// and row maps, transparency, 16-bit indices, strides); strength 0 against the
+// scaled remap; noise, threads and bad arguments.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -15,42 +18,46 @@ namespace {
 
 using vtest::Bytes;
 
-// A padded copy of tightly packed rows, so that strides differ from widths.
-Bytes padded(const Bytes& tight, int32_t rowBytes, int32_t height, int32_t stride) {
-  Bytes out(size_t(stride) * size_t(height), 0xEE);
-  for (int32_t y = 0; y < height; ++y)
-    std::copy_n(tight.begin() + ptrdiff_t(y) * rowBytes, rowBytes, out.begin() + ptrdiff_t(y) * stride);
-  return out;
-}
+struct Options {
+  int32_t bpp, sw, sh, dw, dh, count, strength, noise;
+  bool flagged, wide;  // flags on (RGBA only); 16-bit indices
+};
 
-// Floyd–Steinberg at full strength without noise, written the obvious way:
-// integer rows with a spare pixel at each end, std::clamp, e * k >> 4.
-Bytes referenceDither(const Bytes& src, int32_t sw, int32_t sh, int32_t dw, int32_t dh,
-                      const Bytes& map, int32_t count) {
-  std::vector<int32_t> cur(size_t(dw + 2) * 3), nxt(cur.size());
+// Shares added in place and clamped, the cache filled in row order; noise
+// drawn as the ditherer draws it (the table, then one start per row).
+std::vector<uint32_t> reference(const Options& o, const Bytes& src, const Bytes& map, const uint8_t* flags) {
+  std::optional<ldr::colour::NoiseTable> table;
+  if (o.noise > 0) table.emplace(o.noise);
+  const int32_t transparent = flags ? int32_t(std::find(flags, flags + o.count, 1) - flags) : -1;
+  std::vector<int32_t> cur(size_t(o.dw + 2) * 4), nxt(cur.size());
   const auto load = [&](std::vector<int32_t>& row, int32_t y) {
-    const int32_t sy = y * sh / dh;
-    for (int32_t x = -1; x <= dw; ++x) {
-      const int32_t sx = std::clamp(x, 0, dw - 1) * sw / dw;
-      for (int c = 0; c < 3; ++c) row[size_t(x + 1) * 3 + c] = src[(size_t(sy) * sw + sx) * 3 + c];
+    const int32_t sy = y * o.sh / o.dh;
+    for (int32_t x = -1; x <= o.dw; ++x) {
+      const uint8_t* p = &src[(size_t(sy) * o.sw + size_t(std::clamp(x, 0, o.dw - 1) * o.sw / o.dw)) * o.bpp];
+      for (int c = 0; c < 4; ++c) row[size_t(x + 1) * 4 + c] = c < o.bpp ? p[c] : 255;
     }
   };
   const auto add = [](int32_t& v, int32_t share) { v = std::clamp(v + share, 0, 255); };
-  vtest::CellCache nearest(map.data(), count);
-  Bytes out(size_t(dw) * dh);
+  vtest::CellCache nearest(map.data(), o.count, flags);
+  std::vector<uint32_t> out;
   load(cur, 0);
-  for (int32_t y = 0; y < dh; ++y) {
-    if (y + 1 < dh) load(nxt, y + 1);
-    for (int32_t x = 0; x < dw; ++x) {
-      int32_t* p = &cur[size_t(x + 1) * 3];
+  for (int32_t y = 0; y < o.dh; ++y) {
+    if (y + 1 < o.dh) load(nxt, y + 1);
+    uint32_t position = table ? ldr::colour::nextRandom() : 0;
+    for (int32_t x = 0; x < o.dw; ++x) {
+      int32_t* p = &cur[size_t(x + 1) * 4];
+      if (transparent >= 0 && p[3] == 0) {
+        out.push_back(uint32_t(transparent));
+        continue;
+      }
       const uint32_t i = nearest(p[0], p[1], p[2]);
-      out[size_t(y) * dw + x] = uint8_t(i);
+      out.push_back(i);
       for (int c = 0; c < 3; ++c) {
-        const int32_t e = p[c] - map[3 * i + c];
-        add(p[3 + c], e * 7 >> 4);
-        add(nxt[size_t(x) * 3 + c], e * 3 >> 4);
-        add(nxt[size_t(x + 1) * 3 + c], e * 5 >> 4);
-        add(nxt[size_t(x + 2) * 3 + c], e >> 4);
+        const int32_t e = (p[c] - map[3 * i + c] + (table ? table->at(position++) : 0)) * o.strength;
+        add(p[4 + c], e * 7 >> 8);
+        add(nxt[size_t(x) * 4 + c], e * 3 >> 8);
+        add(nxt[size_t(x + 1) * 4 + c], e * 5 >> 8);
+        add(nxt[size_t(x + 2) * 4 + c], e >> 8);
       }
     }
     std::swap(cur, nxt);
@@ -58,46 +65,73 @@ Bytes referenceDither(const Bytes& src, int32_t sw, int32_t sh, int32_t dw, int3
   return out;
 }
 
-// Rows of an index picture with stride `stride`, without the padding.
-Bytes unpadded(const Bytes& rows, int32_t width, int32_t height, int32_t stride) {
-  Bytes out;
-  for (int32_t y = 0; y < height; ++y)
-    out.insert(out.end(), rows.begin() + ptrdiff_t(y) * stride, rows.begin() + ptrdiff_t(y) * stride + width);
+// The picture copied into rows of a wider stride, dithered into rows of a
+// wider stride, and read back without the padding.
+std::vector<uint32_t> library(const Options& o, const Bytes& tight, const Bytes& map, const uint8_t* flags) {
+  const int32_t rowBytes = o.sw * o.bpp, srcStride = rowBytes + 5, dstStride = o.dw + 3;
+  Bytes src(size_t(srcStride) * size_t(o.sh), 0xEE);
+  for (int32_t y = 0; y < o.sh; ++y)
+    std::copy_n(tight.begin() + ptrdiff_t(y) * rowBytes, rowBytes, src.begin() + ptrdiff_t(y) * srcStride);
+  std::vector<uint16_t> wide(size_t(dstStride) * o.dh);
+  Bytes narrow(wide.size());
+  const uint8_t* s = src.data();
+  if (o.wide)
+    colorQuantizeDitherFS16(s, srcStride, wide.data(), dstStride * 2, o.sw, o.sh, o.dw, o.dh, map.data(), o.count,
+                            o.strength, o.noise);
+  else if (o.bpp == 3)
+    colorQuantizeDitherFS(s, srcStride, narrow.data(), dstStride, o.sw, o.sh, o.dw, o.dh, map.data(), o.count,
+                          o.strength, o.noise);
+  else
+    RGBAcolorQuantizeDitherFS(s, srcStride, narrow.data(), dstStride, o.sw, o.sh, o.dw, o.dh, map.data(), o.count,
+                              flags, o.strength, o.noise);
+  std::vector<uint32_t> out;
+  for (int32_t y = 0; y < o.dh; ++y)
+    for (int32_t x = 0; x < o.dw; ++x) {
+      const size_t at = size_t(y) * dstStride + x;
+      out.push_back(o.wide ? wide[at] : narrow[at]);
+    }
   return out;
 }
 
-struct Size { int32_t sw, sh, dw, dh; };
-const Size kSizes[] = {{1, 1, 1, 1},   {7, 5, 7, 5},    {64, 48, 64, 48}, {64, 48, 32, 24},
-                       {33, 17, 100, 9}, {50, 50, 13, 77}, {3, 200, 41, 2}};
-
-TEST(Dither, MatchesThePlainReferenceAtFullStrength) {
-  const Bytes map = vtest::randomPixels(37, 1, 3, 99);
-  for (const Size& s : kSizes) {
-    SCOPED_TRACE(testing::Message() << s.sw << "x" << s.sh << " to " << s.dw << "x" << s.dh);
-    const Bytes src = vtest::randomPixels(s.sw, s.sh, 3, uint32_t(s.sw * 31 + s.dh));
-    const int32_t srcStride = s.sw * 3 + 5, dstStride = s.dw + 3;
-    const Bytes in = padded(src, s.sw * 3, s.sh, srcStride);
-    Bytes out(size_t(dstStride) * s.dh);
-    colorQuantizeDitherFS(in.data(), srcStride, out.data(), dstStride, s.sw, s.sh, s.dw, s.dh,
-                          map.data(), 37, 16, 0);
-    EXPECT_EQ(unpadded(out, s.dw, s.dh, dstStride), referenceDither(src, s.sw, s.sh, s.dw, s.dh, map, 37));
-
-    // The same with 16-bit indices and a map of 300 entries: the first 37 as
-    // before, the rest copies of entry 0, which never beat it.
-    Bytes big = map;
-    for (int i = 37; i < 300; ++i) big.insert(big.end(), map.begin(), map.begin() + 3);
-    std::vector<uint16_t> wide(size_t(s.dw) * s.dh);
-    colorQuantizeDitherFS16(in.data(), srcStride, wide.data(), s.dw * 2, s.sw, s.sh, s.dw, s.dh,
-                            big.data(), 300, 16, 0);
-    Bytes narrowed(wide.size());
-    std::transform(wide.begin(), wide.end(), narrowed.begin(), [](uint16_t v) { return uint8_t(v); });
-    EXPECT_EQ(narrowed, referenceDither(src, s.sw, s.sh, s.dw, s.dh, map, 37));
+TEST(Dither, MatchesTheRowByRowReferenceWithEveryOption) {
+  const Options cases[] = {
+      // bpp  sw   sh   dw   dh  count strength noise flagged wide
+      {3, 240, 40, 240, 40, 200, 16, 0, false, false},  {3, 240, 40, 240, 40, 200, 9, 25, false, false},
+      {4, 150, 31, 97, 45, 120, 16, 12, true, false},   {4, 60, 20, 60, 20, 64, 16, 0, false, false},
+      {3, 200, 30, 133, 31, 900, 16, 8, false, true},   {3, 9, 9, 4, 7, 50, 16, 40, false, false},
+      {3, 9, 9, 3, 5, 50, 16, 40, false, false},        {3, 50, 1, 50, 1, 50, 16, 0, false, false},
+      {3, 1, 1, 1, 1, 37, 16, 0, false, false},         {3, 33, 17, 100, 9, 37, 16, 0, false, false},
+      {3, 3, 200, 41, 2, 37, 16, 0, false, false},      {4, 50, 50, 13, 77, 37, 16, 0, true, false},
+  };
+  for (const Options& o : cases) {
+    SCOPED_TRACE(testing::Message() << o.bpp << " bytes, " << o.sw << "x" << o.sh << " to " << o.dw << "x" << o.dh
+                                    << ", " << o.count << " colours, strength " << o.strength << ", noise "
+                                    << o.noise);
+    // Colours in a narrow band that moves down the picture, on a map dense
+    // in it: each pair of rows meets cells that are new, and several entries
+    // compete within a cell.
+    Bytes src = vtest::randomPixels(o.sw, o.sh, o.bpp, uint32_t(o.sw + o.count));
+    for (size_t i = 0; i < src.size(); ++i) {
+      const size_t row = i / (size_t(o.sw) * size_t(o.bpp));
+      src[i] = i % size_t(o.bpp) == 3 ? (src[i] < 40 ? 0 : 255) : uint8_t(30 + 4 * row + src[i] % 24);
+    }
+    Bytes map = vtest::randomPixels(o.count, 1, 3, uint32_t(o.dh));
+    for (uint8_t& v : map) v = uint8_t(20 + v % 200);
+    std::vector<uint8_t> flags(size_t(o.count), 0);
+    flags[5] = 1;
+    const uint8_t* f = o.flagged ? flags.data() : nullptr;
+    ldr::colour::seedRandom(17);
+    const std::vector<uint32_t> got = library(o, src, map, f);
+    ldr::colour::seedRandom(17);
+    EXPECT_EQ(got, reference(o, src, map, f));
   }
 }
 
+
 TEST(Dither, StrengthZeroIsTheScaledRemap) {
   const Bytes map = vtest::randomPixels(16, 1, 3, 5);
-  for (const Size& s : kSizes) {
+  struct Size { int32_t sw, sh, dw, dh; };
+  for (const Size& s : {Size{1, 1, 1, 1}, Size{64, 48, 32, 24}, Size{33, 17, 100, 9}, Size{3, 200, 41, 2}}) {
     SCOPED_TRACE(testing::Message() << s.sw << "x" << s.sh << " to " << s.dw << "x" << s.dh);
     const Bytes src = vtest::randomPixels(s.sw, s.sh, 3, uint32_t(s.sh));
     Bytes scaled;
@@ -119,21 +153,12 @@ TEST(Dither, StrengthZeroIsTheScaledRemap) {
   }
 }
 
-TEST(Dither, TransparentPixelsTakeTheFlaggedEntryAndShareNoError) {
-  // Entry 1 is flagged: opaque pixels never get it, alpha-0 pixels always do,
-  // scaled or not.
+TEST(Remap, TransparentPixelsTakeTheFlaggedEntry) {
+  // Entry 1 is flagged: opaque pixels never get it, alpha-0 pixels always do.
   const Bytes map = {0, 0, 0, 255, 255, 255, 250, 250, 250, 128, 128, 128};
   const uint8_t flags[4] = {0, 1, 0, 0};
   Bytes src = vtest::randomPixels(20, 10, 4, 3);
   for (size_t i = 3; i < src.size(); i += 4) src[i] = i % 3 ? 255 : 0;
-  for (const int32_t dw : {20, 9, 31}) {
-    SCOPED_TRACE(dw);
-    Bytes out(size_t(dw) * 10);
-    RGBAcolorQuantizeDitherFS(src.data(), 80, out.data(), dw, 20, 10, dw, 10, map.data(), 4, flags, 16, 0);
-    for (int32_t y = 0; y < 10; ++y)
-      for (int32_t x = 0; x < dw; ++x)
-        EXPECT_EQ(out[size_t(y * dw + x)] == 1, src[(size_t(y) * 20 + size_t(x * 20 / dw)) * 4 + 3] == 0);
-  }
   Bytes remapped(200);
   ASSERT_EQ(RGBARemapToCmap(src.data(), 80, remapped.data(), 20, 20, 10, map.data(), 4, flags, 0), 1);
   for (size_t i = 0; i < remapped.size(); ++i) EXPECT_EQ(remapped[i] == 1, src[4 * i + 3] == 0) << i;

@@ -1,7 +1,7 @@
 // The card loaders' wide vector path against the plain one: the compiled
-// kernels against the column plans on random records of every module size,
-// the chooser's scores against counts taken one bit at a time, and whole
-// loads of every card kind, band sizes and odd widths on both paths.
+// kernels of each layout against the column plans on random records of every
+// module size, the chooser's scores against counts taken one bit at a time,
+// and whole loads of every card kind, band sizes and odd widths on both paths.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -34,45 +34,6 @@ Bytes randomBytes(size_t n, uint32_t seed) {
   Bytes b(n);
   for (uint8_t& v : b) v = uint8_t(rng());
   return b;
-}
-
-TEST(StaubliWide, KernelsMatchColumnPlans) {
-  SKIP_WITHOUT_WIDE_UNITS();
-  const ForcePath wide(CardPath::Wide);
-  for (uint32_t size : {1344u, 1536u, 3072u})
-    for (uint32_t modules : {1u, 2u, 3u, 5u})
-      for (bool blockwise : {false, true}) {
-        SCOPED_TRACE(std::to_string(size) + " x " + std::to_string(modules) + (blockwise ? " blockwise" : ""));
-        const std::vector<uint32_t> map = ldr::staubli::cardMapping(size, modules, blockwise);
-        const uint32_t recordBytes = size * modules / 8;
-        ldr::staubli::ColumnPlan plan;
-        plan.build(map, recordBytes);
-        ldr::staubli::RowKernel kernel;
-        ASSERT_TRUE(kernel.build(map, recordBytes));
-        ASSERT_EQ(kernel.rowBytes(), recordBytes);
-        const Bytes records = randomBytes(size_t{recordBytes} * 3, size + modules);
-        for (uint32_t r = 0; r < 3; ++r)
-          for (bool setWhenZero : {true, false}) {
-            Bytes want(recordBytes, 0), got(recordBytes + 1, 0xA5);
-            plan.gather(records.data() + r * recordBytes, want.data(), setWhenZero);
-            kernel.run(records.data() + r * recordBytes, got.data(), setWhenZero);
-            EXPECT_EQ(got[recordBytes], 0xA5) << "wrote past the row";
-            got.pop_back();
-            ASSERT_EQ(got, want) << "record " << r;
-          }
-      }
-  // Shapes the kernel does not take are refused, not mapped wrongly: a width
-  // that ends inside a byte, a record too short for its window, no mapping.
-  ldr::staubli::RowKernel kernel;
-  std::vector<uint32_t> map = ldr::staubli::cardMapping(1536, 2, false);
-  map.resize(3000 + 4);
-  EXPECT_FALSE(kernel.build(map, 384));
-  std::vector<uint32_t> identity(1024);
-  for (uint32_t x = 0; x < identity.size(); ++x) identity[x] = x;
-  EXPECT_FALSE(kernel.build(identity, 128));
-  EXPECT_FALSE(kernel.build(std::vector<uint32_t>(256, 0), 40));
-  const ForcePath plain(CardPath::Plain);
-  EXPECT_FALSE(kernel.build(ldr::staubli::cardMapping(1536, 1, false), 192));
 }
 
 // The smoothness of one mapping, the slow way.
@@ -119,7 +80,7 @@ TEST(StaubliWide, ChooserScoresMatchBitCounts) {
 // band size for band size (the module choice is made per band), and the
 // plain one is what the other tests check.
 void expectSamePictures(const char* path, int32_t loader) {
-  for (uint32_t band : {0u, 1u, 7u, 64u, 300u}) {
+  for (uint32_t band : {0u, 7u, 300u}) {
     vtest::Loaded plain;
     {
       const ForcePath p(CardPath::Plain);
@@ -141,8 +102,7 @@ TEST(StaubliWide, LoadsMatchThePlainPath) {
   };
   // Ambiguous sizes make the chooser work on both paths; ramps make the
   // right size win, random bits make the scores close.
-  const Jc4Case jc4[] = {{6144, 3072, 400, true}, {6144, 1536, 300, false}, {10752, 1344, 130, true},
-                         {10752, 1536, 70, false}, {4032, 1344, 20, false}};
+  const Jc4Case jc4[] = {{6144, 3072, 400, true}, {6144, 1536, 300, false}, {10752, 1344, 130, true}};
   for (const Jc4Case& c : jc4) {
     SCOPED_TRACE("jc4 " + std::to_string(c.hooks) + "/" + std::to_string(c.moduleSize));
     const BitPicture p = c.ramp ? vtest::rampPicture(c.hooks, c.picks) : vtest::randomPicture(c.hooks, c.picks, c.hooks);
@@ -174,10 +134,6 @@ TEST(StaubliWide, LoadsMatchThePlainPath) {
   }
 }
 
-}  // namespace
-
-namespace {
-
 // Each layout of the wide kernel against the column plans, on every module
 // size and count, both pixel senses; and the shapes the loaders use most
 // must get the grouped layout, or the loaders silently fall back to the
@@ -187,7 +143,7 @@ TEST(StaubliWide, EveryLayoutMatchesTheColumnPlans) {
   const ForcePath wide(CardPath::Wide);
   using Layout = ldr::staubli::RowKernel::Layout;
   for (uint32_t size : {1344u, 1536u, 3072u})
-    for (uint32_t modules : {1u, 2u, 3u, 4u, 7u, 8u})
+    for (uint32_t modules : {1u, 2u, 3u, 4u, 5u, 7u, 8u})
       for (bool blockwise : {false, true}) {
         const std::vector<uint32_t> map = ldr::staubli::cardMapping(size, modules, blockwise);
         const uint32_t recordBytes = size * modules / 8;
@@ -200,6 +156,7 @@ TEST(StaubliWide, EveryLayoutMatchesTheColumnPlans) {
           ldr::staubli::RowKernel kernel;
           if (!kernel.build(map, recordBytes, layout)) continue;
           ASSERT_EQ(kernel.layout(), layout);
+          ASSERT_EQ(kernel.rowBytes(), recordBytes);
           for (uint32_t r = 0; r < 2; ++r)
             for (bool setWhenZero : {true, false}) {
               Bytes want(recordBytes, 0), got(recordBytes + 1, 0xA5);
@@ -220,6 +177,18 @@ TEST(StaubliWide, EveryLayoutMatchesTheColumnPlans) {
     ASSERT_TRUE(kernel.build(ldr::staubli::cardMapping(s.size, s.modules, s.blockwise), s.size * s.modules / 8));
     EXPECT_EQ(kernel.layout(), Layout::Grouped) << s.size << " x " << s.modules;
   }
+  // Shapes the kernel does not take are refused, not mapped wrongly: a width
+  // that ends inside a byte, a record too short for its window, no mapping.
+  ldr::staubli::RowKernel kernel;
+  std::vector<uint32_t> map = ldr::staubli::cardMapping(1536, 2, false);
+  map.resize(3000 + 4);
+  EXPECT_FALSE(kernel.build(map, 384));
+  std::vector<uint32_t> identity(1024);
+  for (uint32_t x = 0; x < identity.size(); ++x) identity[x] = x;
+  EXPECT_FALSE(kernel.build(identity, 128));
+  EXPECT_FALSE(kernel.build(std::vector<uint32_t>(256, 0), 40));
+  const ForcePath plain(CardPath::Plain);
+  EXPECT_FALSE(kernel.build(ldr::staubli::cardMapping(1536, 1, false), 192));
 }
 
 }  // namespace

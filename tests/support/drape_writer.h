@@ -1,6 +1,5 @@
-// tests/support/drape_writer.h: drape projects, and start images in the
-// formats whose loaders the drape loader nests (JPEG and PNG written with
-// libjpeg and libpng, GIF by hand).
+// tests/support/drape_writer.h: drape projects; their start images come from
+// the writers of the formats the drape loader nests.
 #pragma once
 
 #include <cstdint>
@@ -27,10 +26,5 @@ class DrapeBuilder {
  private:
   Bytes bytes_;
 };
-
-// Pictures of the given size whose pixels follow a fixed pattern.
-Bytes jpegFile(uint32_t width, uint32_t height);
-Bytes pngFile(uint32_t width, uint32_t height);
-Bytes gifFile(uint32_t width, uint32_t height);  // 8 bits, a grey global colour table
 
 }  // namespace vtest

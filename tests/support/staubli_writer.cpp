@@ -23,6 +23,28 @@ uint8_t reversed(uint8_t v) {
   return r;
 }
 
+// Records of a picture: bit p % 8 of byte p / 8 of a record is the pixel of
+// the column at position p, complemented when `setIsZero`; positions no
+// column uses hold `setIsZero`, columns beyond the record are dropped.
+Bytes cardRecords(const BitPicture& p, const std::vector<uint32_t>& positions, uint32_t recordBytes,
+                  bool setIsZero) {
+  Bytes out(size_t(recordBytes) * p.height, setIsZero ? 0xFF : 0x00);
+  for (uint32_t y = 0; y < p.height; ++y) {
+    uint8_t* rec = out.data() + size_t(y) * recordBytes;
+    for (uint32_t x = 0; x < p.width; ++x) {
+      const uint32_t q = positions[x];
+      if (q >= recordBytes * 8) continue;  // a module size the hooks do not fill
+      if (p.at(x, y) != setIsZero) rec[q / 8] = uint8_t(rec[q / 8] | 1u << (q % 8));
+      else rec[q / 8] = uint8_t(rec[q / 8] & ~(1u << (q % 8)));
+    }
+  }
+  return out;
+}
+
+Bytes jc4Records(const BitPicture& p, uint32_t moduleSize) {
+  return cardRecords(p, staubliPositions(p.width, moduleSize, false), p.stride(), true);
+}
+
 }  // namespace
 
 BitPicture randomPicture(uint32_t width, uint32_t height, uint32_t seed) {
@@ -50,10 +72,6 @@ BitPicture rampPicture(uint32_t width, uint32_t height) {
 // another or take turns group by group.
 std::vector<uint32_t> staubliPositions(uint32_t hooks, uint32_t moduleSize, bool blockwise) {
   std::vector<uint32_t> pos(hooks);
-  if (moduleSize == 0) {
-    for (uint32_t x = 0; x < hooks; ++x) pos[x] = x;
-    return pos;
-  }
   const uint32_t S = moduleSize, B = S / 12, G = B / 8, M = (hooks + S - 1) / S;
   for (uint32_t x = 0; x < hooks; ++x) {
     const uint32_t m = x / S, c = x % S, j = c / B, s = c % B, a = s / G, t = s % G;
@@ -64,17 +82,13 @@ std::vector<uint32_t> staubliPositions(uint32_t hooks, uint32_t moduleSize, bool
   return pos;
 }
 
-Bytes cardRecords(const BitPicture& p, const std::vector<uint32_t>& positions, uint32_t recordBytes,
-                  bool setIsZero) {
-  Bytes out(size_t(recordBytes) * p.height, setIsZero ? 0xFF : 0x00);
-  for (uint32_t y = 0; y < p.height; ++y) {
-    uint8_t* rec = out.data() + size_t(y) * recordBytes;
-    for (uint32_t x = 0; x < p.width; ++x) {
-      const uint32_t q = positions[x];
-      if (q >= recordBytes * 8) continue;  // a module size the hooks do not fill
-      if (p.at(x, y) != setIsZero) rec[q / 8] = uint8_t(rec[q / 8] | 1u << (q % 8));
-      else rec[q / 8] = uint8_t(rec[q / 8] & ~(1u << (q % 8)));
-    }
+std::vector<Bytes> volumes(const Bytes& card, size_t headerBytes, size_t first, size_t each) {
+  std::vector<Bytes> out;
+  for (size_t at = headerBytes, n = first; at < card.size(); at += n, n = each) {
+    n = std::min(n, card.size() - at);
+    Bytes vol(card.begin(), card.begin() + long(headerBytes));
+    vol.insert(vol.end(), card.begin() + long(at), card.begin() + long(at + n));
+    out.push_back(vol);
   }
   return out;
 }
@@ -96,35 +110,11 @@ Bytes jc4Header(uint32_t hooks, uint32_t dataBytes, const std::string& design) {
   return h;
 }
 
-namespace {
-
-Bytes jc4Records(const BitPicture& p, uint32_t moduleSize) {
-  return cardRecords(p, staubliPositions(p.width, moduleSize, false), p.stride(), true);
-}
-
-}  // namespace
-
 Bytes jc4Card(const BitPicture& p, const Jc4Options& o) {
   const Bytes records = jc4Records(p, o.moduleSize);
   Bytes card = jc4Header(p.width, uint32_t(o.dataBytes < 0 ? records.size() : size_t(o.dataBytes)), o.design);
   card.insert(card.end(), records.begin(), records.end());
   return card;
-}
-
-std::vector<Bytes> jc4Volumes(const BitPicture& p, const std::vector<size_t>& volumeData,
-                              const Jc4Options& o) {
-  const Bytes records = jc4Records(p, o.moduleSize);
-  const Bytes header = jc4Header(p.width, uint32_t(records.size()), o.design);
-  std::vector<Bytes> volumes;
-  size_t at = 0;
-  for (size_t v = 0; v <= volumeData.size(); ++v) {
-    const size_t n = v < volumeData.size() ? std::min(volumeData[v], records.size() - at) : records.size() - at;
-    Bytes vol = header;
-    vol.insert(vol.end(), records.begin() + long(at), records.begin() + long(at + n));
-    volumes.push_back(vol);
-    at += n;
-  }
-  return volumes;
 }
 
 Bytes jc4NetworkCard(const BitPicture& p, uint32_t moduleSize) { return jc4Records(p, moduleSize); }
@@ -150,47 +140,25 @@ Bytes jc4LoomCard(const BitPicture& p) {
 
 // ---- JC3
 
-namespace {
-
-Bytes jc3HeaderBytes(const BitPicture& p, const std::string& design, uint32_t picksPerVolume) {
-  Bytes h(512, ' ');
+Bytes jc3Card(const BitPicture& p, const std::string& design, uint32_t picksPerVolume) {
+  Bytes card(512, ' ');
   const auto field = [&](size_t at, size_t width, const std::string& text) {
-    for (size_t i = 0; i < width && i < text.size(); ++i) h[at + i] = uint8_t(text[i]);
+    for (size_t i = 0; i < width && i < text.size(); ++i) card[at + i] = uint8_t(text[i]);
   };
-  h[0] = 'B';
+  card[0] = 'B';
   field(1, 4, std::to_string(p.width));
   field(5, 16, design);
   field(21, 6, std::to_string(p.height));
   field(66, 4, std::to_string(picksPerVolume));
-  return h;
-}
-
-}  // namespace
-
-Bytes jc3Card(const BitPicture& p, const std::string& design, uint32_t picksPerVolume) {
-  Bytes card = jc3HeaderBytes(p, design, picksPerVolume);
   const Bytes records = cardRecords(p, staubliPositions(p.width, 1344, true), p.stride(), true);
   card.insert(card.end(), records.begin(), records.end());
   return card;
 }
 
-std::vector<Bytes> jc3Volumes(const BitPicture& p, uint32_t picksPerVolume) {
-  const Bytes records = cardRecords(p, staubliPositions(p.width, 1344, true), p.stride(), true);
-  const Bytes header = jc3HeaderBytes(p, "VOLUMES", picksPerVolume);
-  std::vector<Bytes> volumes;
-  const size_t per = size_t(picksPerVolume) * p.stride();
-  for (size_t at = 0; at < records.size(); at += per) {
-    Bytes vol = header;
-    vol.insert(vol.end(), records.begin() + long(at), records.begin() + long(std::min(at + per, records.size())));
-    volumes.push_back(vol);
-  }
-  return volumes;
-}
-
 // ---- JC5
 
 Bytes jc5Header(const std::vector<Jc5Section>& sections, uint32_t picks, const Jc5Options& o) {
-  Bytes h{0x81, 0xFE, o.major, o.minor};
+  Bytes h{0x81, 0xFE, 1, 2};
   const auto descriptor = [](Bytes& b, uint32_t type, const Bytes& data) {
     put32be(b, type);
     put32be(b, uint32_t(data.size()));
@@ -220,20 +188,15 @@ Bytes jc5Header(const std::vector<Jc5Section>& sections, uint32_t picks, const J
   return h;
 }
 
-Bytes jc5Records(const BitPicture& p, const std::vector<Jc5Section>& sections) {
-  // Position of each column in a record whose sections are padded to bytes.
+Bytes jc5Card(const BitPicture& p, const std::vector<Jc5Section>& sections, const Jc5Options& o) {
   std::vector<uint32_t> pos;
   uint32_t byte = 0;
   for (const Jc5Section& s : sections) {
     for (uint32_t i = 0; i < s.hooks; ++i) pos.push_back(byte * 8 + i);
     byte += (s.hooks + 7) / 8;
   }
-  return cardRecords(p, pos, byte, false);
-}
-
-Bytes jc5Card(const BitPicture& p, const std::vector<Jc5Section>& sections, const Jc5Options& o) {
   Bytes card = jc5Header(sections, p.height, o);
-  const Bytes records = jc5Records(p, sections);
+  const Bytes records = cardRecords(p, pos, byte, false);
   card.insert(card.end(), records.begin(), records.end());
   return card;
 }

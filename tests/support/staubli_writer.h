@@ -27,14 +27,13 @@ BitPicture randomPicture(uint32_t width, uint32_t height, uint32_t seed);
 BitPicture rampPicture(uint32_t width, uint32_t height);
 
 // File hook position of every design column of a card of `hooks` hooks built
-// of moduleSize modules (0: no mapping, column x is position x).
+// of moduleSize modules.
 std::vector<uint32_t> staubliPositions(uint32_t hooks, uint32_t moduleSize, bool blockwise);
 
-// Records of a picture: bit p % 8 of byte p / 8 of a record is the pixel of
-// the column at position p, complemented when `setIsZero`; positions no
-// column uses hold `setIsZero`, columns beyond the record are dropped.
-Bytes cardRecords(const BitPicture& p, const std::vector<uint32_t>& positions, uint32_t recordBytes,
-                  bool setIsZero);
+// A card's records after its first headerBytes split into volumes, each
+// behind the same header: `first` bytes in the first, `each` (not 0) in
+// every later one, the last what is left.
+std::vector<Bytes> volumes(const Bytes& card, size_t headerBytes, size_t first, size_t each);
 
 // ---- JC4 family
 
@@ -45,10 +44,6 @@ struct Jc4Options {
 };
 Bytes jc4Header(uint32_t hooks, uint32_t dataBytes, const std::string& design);
 Bytes jc4Card(const BitPicture& p, const Jc4Options& o = {});
-// The card split into volumes, volume v holding volumeData[v] bytes of
-// records (the last takes the rest), each behind its own header.
-std::vector<Bytes> jc4Volumes(const BitPicture& p, const std::vector<size_t>& volumeData,
-                              const Jc4Options& o = {});
 Bytes jc4NetworkCard(const BitPicture& p, uint32_t moduleSize);
 Bytes jc4EmailCard(const BitPicture& p, const Jc4Options& o = {});
 Bytes jc4LoomCard(const BitPicture& p);
@@ -56,8 +51,6 @@ Bytes jc4LoomCard(const BitPicture& p);
 // ---- JC3
 
 Bytes jc3Card(const BitPicture& p, const std::string& design, uint32_t picksPerVolume = 0);
-// Volumes of picksPerVolume records, each behind the same header.
-std::vector<Bytes> jc3Volumes(const BitPicture& p, uint32_t picksPerVolume);
 
 // ---- JC5
 
@@ -66,14 +59,12 @@ struct Jc5Section {
   std::string name;
 };
 struct Jc5Options {
-  std::string design = "JC5DESIGN";
-  uint8_t major = 1, minor = 2;
+  std::string design = "JC5DESIGN";  // version 1.2
   int64_t volumeWord = -1;  // -1: no volume descriptor
   std::vector<uint32_t> extraTypes;  // further first-block descriptors, 4 data bytes each
 };
 Bytes jc5Header(const std::vector<Jc5Section>& sections, uint32_t picks, const Jc5Options& o);
 // Records of the picture's columns split into sections, each padded to bytes.
-Bytes jc5Records(const BitPicture& p, const std::vector<Jc5Section>& sections);
 Bytes jc5Card(const BitPicture& p, const std::vector<Jc5Section>& sections, const Jc5Options& o = {});
 
 // ---- 1858III dobby
