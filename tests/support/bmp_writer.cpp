@@ -35,16 +35,12 @@ Bytes BmpBuilder::build() const {
   put32le(b, 0);
   put32le(b, dataOffset);
   put32le(b, headerSize_);
-  if (core) {
-    put16le(b, uint32_t(width_));
-    put16le(b, uint32_t(height_));
-    put16le(b, planes_);
-    put16le(b, bits_);
-  } else {
-    put32le(b, uint32_t(width_));
-    put32le(b, uint32_t(height_));
-    put16le(b, planes_);
-    put16le(b, bits_);
+  const auto putSide = [&](int32_t v) { core ? put16le(b, uint32_t(v)) : put32le(b, uint32_t(v)); };
+  putSide(width_);
+  putSide(height_);
+  put16le(b, planes_);
+  put16le(b, bits_);
+  if (!core) {
     put32le(b, compression_);
     put32le(b, rowBytes * h);
     put32le(b, xPpm_);
@@ -72,13 +68,12 @@ Bytes BmpBuilder::build() const {
           row[bit / 8] |= uint8_t(index(pixel_, x, y, bits_) << (8 - bits_ - bit % 8));
           break;
         }
-        case 24:
-          for (int c = 0; c < 3; ++c) row[3 * x + 2 - c] = pixel_(x, y, c);
+        case 24: case 32: {
+          const uint32_t n = bits_ / 8u;
+          for (int c = 0; c < 3; ++c) row[n * x + 2 - c] = pixel_(x, y, c);
+          if (n == 4) row[4 * x + 3] = pixel_(x, y, 3);
           break;
-        case 32:
-          for (int c = 0; c < 3; ++c) row[4 * x + 2 - c] = pixel_(x, y, c);
-          row[4 * x + 3] = pixel_(x, y, 3);
-          break;
+        }
         default:  // 16 bits and others: any bytes; the loader refuses them
           break;
       }
@@ -88,7 +83,7 @@ Bytes BmpBuilder::build() const {
   return b;
 }
 
-Bytes BmpBuilder::expectedRows(bool expandBits, bool invertBits) const {
+Bytes BmpBuilder::expectedRows(bool expandBits) const {
   const uint32_t w = uint32_t(width_), h = uint32_t(height_);
   Bytes out;
   for (uint32_t y = 0; y < h; ++y) {
@@ -96,8 +91,6 @@ Bytes BmpBuilder::expectedRows(bool expandBits, bool invertBits) const {
       Bytes row((w + 7) / 8, 0);
       for (uint32_t x = 0; x < w; ++x)
         row[x / 8] |= uint8_t(index(pixel_, x, y, 1) << (7 - x % 8));
-      if (invertBits)  // whole bytes, padding bits included, as the loader does
-        for (uint8_t& v : row) v = uint8_t(~v);
       out.insert(out.end(), row.begin(), row.end());
       continue;
     }

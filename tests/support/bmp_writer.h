@@ -38,8 +38,8 @@ class BmpBuilder {
   Bytes build() const;
 
   // Rows as the loader delivers them, top-down, tightly packed:
-  // layout 0 (1 bit, bit 1 = palette entry 1 unless inverted), 1, 2 or 7.
-  Bytes expectedRows(bool expandBits = false, bool invertBits = false) const;
+  // layout 0 (1 bit, bit 1 = palette entry 1), 1, 2 or 7.
+  Bytes expectedRows(bool expandBits = false) const;
 
  private:
   int32_t width_ = 4, height_ = 4;
