@@ -67,7 +67,6 @@ Bytes PnmBuilder::build() const {
       }
     if (plain) putText(b, "\n");
   }
-  b.insert(b.end(), trailer_.begin(), trailer_.end());
   return b;
 }
 
