@@ -94,7 +94,7 @@ Bytes PsdBuilder::build() const {
   putLength(b, layers.size());
   b.insert(b.end(), layers.begin(), layers.end());
 
-  put16be(b, compressionSet_ ? compression_ : packBits_ ? 1 : 0);
+  put16be(b, packBits_ ? 1 : 0);
   if (!packBits_) {
     for (uint32_t c = 0; c < channels_; ++c)
       for (uint32_t y = 0; y < height_; ++y) {
