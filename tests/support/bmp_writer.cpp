@@ -12,15 +12,6 @@ std::vector<Rgb> greyRamp(int entries) {
   return p;
 }
 
-namespace {
-
-uint8_t index(const std::function<uint8_t(uint32_t, uint32_t, int)>& f, uint32_t x, uint32_t y,
-              uint16_t bits) {
-  return uint8_t(f(x, y, 0) & ((1u << bits) - 1));
-}
-
-}  // namespace
-
 Bytes BmpBuilder::build() const {
   const bool core = headerSize_ == 12;
   const uint32_t w = uint32_t(width_ < 0 ? -width_ : width_);
@@ -65,7 +56,7 @@ Bytes BmpBuilder::build() const {
       switch (bits_) {
         case 1: case 2: case 4: case 8: {
           const uint32_t bit = x * bits_;
-          row[bit / 8] |= uint8_t(index(pixel_, x, y, bits_) << (8 - bits_ - bit % 8));
+          row[bit / 8] |= uint8_t(index(x, y) << (8 - bits_ - bit % 8));
           break;
         }
         case 24: case 32: {
@@ -84,23 +75,16 @@ Bytes BmpBuilder::build() const {
 }
 
 Bytes BmpBuilder::expectedRows(bool expandBits) const {
-  const uint32_t w = uint32_t(width_), h = uint32_t(height_);
+  const bool packed = bits_ == 1 && !expandBits;
   Bytes out;
-  for (uint32_t y = 0; y < h; ++y) {
-    if (bits_ == 1 && !expandBits) {
-      Bytes row((w + 7) / 8, 0);
-      for (uint32_t x = 0; x < w; ++x)
-        row[x / 8] |= uint8_t(index(pixel_, x, y, 1) << (7 - x % 8));
-      out.insert(out.end(), row.begin(), row.end());
-      continue;
+  for (uint32_t y = 0; y < uint32_t(height_); ++y) {
+    Bytes row(packed ? (uint32_t(width_) + 7) / 8 : 0, 0);
+    for (uint32_t x = 0; x < uint32_t(width_); ++x) {
+      if (packed) row[x / 8] |= uint8_t(index(x, y) << (7 - x % 8));
+      else if (bits_ <= 8) row.push_back(index(x, y));
+      else for (int c = 0; c < (bits_ == 32 ? 4 : 3); ++c) row.push_back(pixel_(x, y, c));
     }
-    for (uint32_t x = 0; x < w; ++x) {
-      if (bits_ <= 8) {
-        out.push_back(index(pixel_, x, y, bits_));
-      } else {
-        for (int c = 0; c < (bits_ == 32 ? 4 : 3); ++c) out.push_back(pixel_(x, y, c));
-      }
-    }
+    out.insert(out.end(), row.begin(), row.end());
   }
   return out;
 }

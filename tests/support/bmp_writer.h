@@ -42,6 +42,8 @@ class BmpBuilder {
   Bytes expectedRows(bool expandBits = false) const;
 
  private:
+  uint8_t index(uint32_t x, uint32_t y) const { return uint8_t(pixel_(x, y, 0) & ((1u << bits_) - 1)); }
+
   int32_t width_ = 4, height_ = 4;
   uint16_t bits_ = 24, planes_ = 1;
   uint32_t headerSize_ = 40, compression_ = 0, xPpm_ = 0, yPpm_ = 0, gap_ = 0;
