@@ -36,24 +36,17 @@ Bytes expectedRows(const PsdBuilder& b, uint16_t mode, uint16_t depth, uint32_t 
     const uint32_t v = b.sampleAt(x, y, c);
     return uint8_t(depth == 16 ? std::lround(v / 257.0) : v);
   };
+  const uint32_t colours = mode == kRgb ? 3 : mode == kCmyk ? 4 : 1;
   for (uint32_t y = 0; y < h; ++y) {
     if (mode == kBitmap) {
       const Bytes row = b.channelRow(0, y);
       rows.insert(rows.end(), row.begin(), row.end());
-      continue;
     }
-    for (uint32_t x = 0; x < w; ++x) {
-      switch (mode) {
-        case kRgb: for (uint32_t c = 0; c < 3; ++c) rows.push_back(at8(x, y, c)); break;
-        case kCmyk:
-          for (uint32_t c = 0; c < 3; ++c) rows.push_back(uint8_t(std::lround(at8(x, y, c) * at8(x, y, 3) / 255.0)));
-          break;
-        default:  // one channel: grey, duotone, indexed
-          rows.push_back(at8(x, y, 0));
-          if (alpha) rows.insert(rows.end(), {at8(x, y, 0), at8(x, y, 0)});
-          break;
-      }
-      if (alpha) rows.push_back(at8(x, y, mode == kCmyk ? 4 : mode == kRgb ? 3 : 1));
+    for (uint32_t x = 0; x < w && mode != kBitmap; ++x) {
+      const double ink = mode == kCmyk ? at8(x, y, 3) / 255.0 : 1;  // black scales the other inks
+      for (uint32_t c = 0; c < 3; ++c) rows.push_back(uint8_t(std::lround(at8(x, y, colours == 1 ? 0 : c) * ink)));
+      if (alpha) rows.push_back(at8(x, y, colours));
+      else if (colours == 1) rows.resize(rows.size() - 2);  // grey alone is one index a pixel
     }
   }
   return rows;
@@ -77,32 +70,29 @@ TEST(PsdPixels, EveryColourModeRawAndPackBitsInEveryBandSize) {
       {kCmyk, 8, 4, 0, VLOAD_LAYOUT_RGB},
       {kCmyk, 16, 5, -1, VLOAD_LAYOUT_RGBA},
   };
-  for (const ModeCase& m : modes) {
-    for (bool packed : {false, true}) {
-      for (bool large : {false, true}) {
-        for (uint32_t width : {1u, 37u}) {  // 37: two blocks of sixteen pixels and a rest
-          PsdBuilder b = PsdBuilder{}.mode(m.mode).depth(m.depth).channels(m.channels).size(width, 5)
-                             .packed(packed).large(large).layerCount(m.layers);
-          if (m.mode == kIndexed) b.colourTable(colourTable());
-          const TempFile f(b.build(), large ? ".psb" : ".psd");
-          const Bytes want = expectedRows(b, m.mode, m.depth, width, 5, m.layout == VLOAD_LAYOUT_RGBA);
-          for (uint32_t band : {1u, 2u, 0u}) {
-            SCOPED_TRACE(::testing::Message() << "mode " << m.mode << ", " << m.depth << " bits, " << m.channels
-                         << " channels, layers " << m.layers << ", packed " << packed << ", PSB " << large
-                         << ", width " << width << ", band " << band);
-            const vtest::Loaded l = vtest::load(f.path(), 0, band);
-            ASSERT_EQ(l.status, VLOAD_OK);
-            EXPECT_EQ(l.description.loader, uint32_t(kPsd));
-            EXPECT_EQ(l.description.layout, m.layout);
-            EXPECT_EQ(l.rows, want);
-            if (m.layout == VLOAD_LAYOUT_INDEXED)  // entry 10 of the table, or of a grey ramp
-              EXPECT_EQ(Bytes(l.description.colourMap + 30, l.description.colourMap + 33),
-                        (m.mode == kIndexed ? Bytes{10, 245, 5} : Bytes{10, 10, 10}));
-          }
-        }
+  for (const ModeCase& m : modes)
+    for (int variant = 0; variant < 8; ++variant) {
+      const bool packed = variant & 1, large = variant & 2;
+      const uint32_t width = variant & 4 ? 37 : 1;  // 37: two blocks of sixteen pixels and a rest
+      PsdBuilder b = PsdBuilder{}.mode(m.mode).depth(m.depth).channels(m.channels).size(width, 5)
+                         .packed(packed).large(large).layerCount(m.layers);
+      if (m.mode == kIndexed) b.colourTable(colourTable());
+      const TempFile f(b.build(), large ? ".psb" : ".psd");
+      const Bytes want = expectedRows(b, m.mode, m.depth, width, 5, m.layout == VLOAD_LAYOUT_RGBA);
+      for (uint32_t band : {1u, 2u, 0u}) {
+        SCOPED_TRACE(::testing::Message() << "mode " << m.mode << ", " << m.depth << " bits, " << m.channels
+                     << " channels, layers " << m.layers << ", packed " << packed << ", PSB " << large
+                     << ", width " << width << ", band " << band);
+        const vtest::Loaded l = vtest::load(f.path(), 0, band);
+        ASSERT_EQ(l.status, VLOAD_OK);
+        EXPECT_EQ(l.description.loader, uint32_t(kPsd));
+        EXPECT_EQ(l.description.layout, m.layout);
+        EXPECT_EQ(l.rows, want);
+        if (m.layout == VLOAD_LAYOUT_INDEXED)  // entry 10 of the table, or of a grey ramp
+          EXPECT_EQ(Bytes(l.description.colourMap + 30, l.description.colourMap + 33),
+                    (m.mode == kIndexed ? Bytes{10, 245, 5} : Bytes{10, 10, 10}));
       }
     }
-  }
 }
 
 TEST(PsdPixels, LabToSrgb) {
