@@ -73,30 +73,28 @@ TEST(BmpHeader, RefusesWhatItDoesNotRead) {
 
 // ---- Densities
 
-TEST(BmpDensity, ConvertedAndSanityChecked) {
-  struct Case { uint32_t xPpm, yPpm, wantX, wantY; };
+// Quirk: ".dsn" names longer than five characters swap the densities.
+TEST(BmpDensity, ConvertedSanityCheckedAndSwappedForDsnNames) {
+  const auto ppm = [](uint32_t x, uint32_t y) { return BmpBuilder{}.pixelsPerMetre(x, y).build(); };
+  struct Case { const char* name; Bytes bytes; uint32_t wantX, wantY; };
   const Case cases[] = {
-      {3780, 3780, 96012, 96012},  // 96 dpi
-      {1, 50, 25, 1270},           // 1270 / 25 = 50: kept
-      {51, 1, 0, 0},               // 1295 / 25 = 51, the larger one in x: dropped
-      {0, 5000, 0, 127000},        // no test below 11 in x
-      {4000000000u, 3780, 0, 96012},  // beyond 32 bits signed: unknown
+      {".bmp", ppm(3780, 3780), 96012, 96012},                // 96 dpi
+      {".bmp", ppm(1, 50), 25, 1270},                         // 1270 / 25 = 50: kept
+      {".bmp", ppm(51, 1), 0, 0},                             // 1295 / 25 = 51, the larger in x: dropped
+      {".bmp", ppm(0, 5000), 0, 127000},                      // no test below 11 in x
+      {".bmp", ppm(4000000000u, 3780), 0, 96012},             // beyond 32 bits signed: unknown
+      {"pattern.DSN", ppm(3780, 7560), 192024, 96012},
+      {"core.dsn", BmpBuilder{}.headerSize(12).build(), 0, 0},  // the core header has no densities
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(std::to_string(c.xPpm) + " x " + std::to_string(c.yPpm));
-    const vload_tool::Description d = described(BmpBuilder{}.pixelsPerMetre(c.xPpm, c.yPpm).build());
+    SCOPED_TRACE(std::to_string(&c - cases));
+    const vload_tool::Description d = described(c.bytes, c.name);
     EXPECT_EQ(d.xDensity, c.wantX);
     EXPECT_EQ(d.yDensity, c.wantY);
   }
-}
-
-TEST(BmpDensity, DsnNamesSwapThem) {
-  const Bytes bytes = BmpBuilder{}.pixelsPerMetre(3780, 7560).build();
-  EXPECT_EQ(described(bytes, "pattern.DSN").xDensity, 192024u);
-  EXPECT_EQ(described(BmpBuilder{}.headerSize(12).build(), "core.dsn").xDensity, 0u);  // no densities
 
   // "a.dsn" is too short a name for the rule.
-  const TempFile shortName(bytes, "a.dsn", true);
+  const TempFile shortName(ppm(3780, 7560), "a.dsn", true);
   char cwd[4096];
   ASSERT_NE(::getcwd(cwd, sizeof cwd), nullptr);
   ASSERT_EQ(::chdir(vtest::tempDir().c_str()), 0);

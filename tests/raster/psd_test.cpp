@@ -193,32 +193,24 @@ TEST(PsdHeader, RefusesWhatItDoesNotRead) {
   EXPECT_EQ(vtest::tryLoadStatus(wide.path(), kPsd), VLOAD_OK);
 }
 
-TEST(PsdHeader, DensitiesFromTheResolutionResource) {
-  struct Case { uint32_t x, y, wantX, wantY; };
+// Densities from the resolution resource (16.16 pixels per inch), and the info text.
+TEST(PsdHeader, Description) {
+  struct Case { PsdBuilder builder; uint32_t xDensity, yDensity; const char* info; };
   const Case cases[] = {
-      {300u << 16, 300u << 16, 300000, 300000},
-      {72u << 16 | 0x8000, 96u << 16, 72500, 96000},
-      {1, 1, 0, 0},  // 1/65536 dpi
-      {0, 0, 0, 0},  // no resource at all
+      {PsdBuilder{}.resolution(300u << 16, 300u << 16), 300000, 300000, "RGB, 8 bits, 3 channels, uncompressed"},
+      {PsdBuilder{}.resolution(72u << 16 | 0x8000, 96u << 16).mode(kBitmap).depth(1).channels(1), 72500, 96000,
+       "bitmap, 1 bit, 1 channel, uncompressed"},
+      {PsdBuilder{}.resolution(1, 1).depth(16).channels(4).layerCount(-1).packed().large(), 0, 0,  // 1/65536 dpi
+       "PSB RGB, 16 bits, 4 channels (merged transparency), PackBits"},
+      {PsdBuilder{}.resolution(0, 0), 0, 0, "RGB, 8 bits, 3 channels, uncompressed"},  // no resource
   };
   for (const Case& c : cases) {
-    const TempFile f(PsdBuilder{}.resolution(c.x, c.y).build(), ".psd");
+    SCOPED_TRACE(c.info);
+    const TempFile f(c.builder.build(), ".psd");
     const vtest::Loaded l = vtest::load(f.path());
-    ASSERT_EQ(l.status, VLOAD_OK);
-    EXPECT_EQ(l.description.xDensity, c.wantX);
-    EXPECT_EQ(l.description.yDensity, c.wantY);
-  }
-}
-
-TEST(PsdHeader, InfoNamesWhatTheDocumentHolds) {
-  const std::pair<PsdBuilder, const char*> cases[] = {
-      {PsdBuilder{}.mode(kBitmap).depth(1).channels(1), "bitmap, 1 bit, 1 channel, uncompressed"},
-      {PsdBuilder{}.depth(16).channels(4).layerCount(-1).packed().large(),
-       "PSB RGB, 16 bits, 4 channels (merged transparency), PackBits"},
-  };
-  for (const auto& [b, info] : cases) {
-    const TempFile f(b.build(), ".psd");
-    EXPECT_STREQ(vtest::load(f.path()).description.info, info);
+    EXPECT_EQ(l.description.xDensity, c.xDensity);
+    EXPECT_EQ(l.description.yDensity, c.yDensity);
+    EXPECT_STREQ(l.description.info, c.info);
   }
 }
 
