@@ -95,21 +95,14 @@ Bytes PsdBuilder::build() const {
   b.insert(b.end(), layers.begin(), layers.end());
 
   put16be(b, packBits_ ? 1 : 0);
-  if (!packBits_) {
-    for (uint32_t c = 0; c < channels_; ++c)
-      for (uint32_t y = 0; y < height_; ++y) {
-        const Bytes row = channelRow(c, y);
-        b.insert(b.end(), row.begin(), row.end());
-      }
-    return b;
-  }
   std::vector<Bytes> rows;
   for (uint32_t c = 0; c < channels_; ++c)
     for (uint32_t y = 0; y < height_; ++y) {
       const auto r = replaced_.find({c, y});
-      rows.push_back(r != replaced_.end() ? r->second : packBits(channelRow(c, y)));
+      rows.push_back(!packBits_ ? channelRow(c, y) : r != replaced_.end() ? r->second : packBits(channelRow(c, y)));
     }
-  for (const Bytes& r : rows) large_ ? put32be(b, uint32_t(r.size())) : put16be(b, uint32_t(r.size()));
+  if (packBits_)  // the byte counts of the rows
+    for (const Bytes& r : rows) large_ ? put32be(b, uint32_t(r.size())) : put16be(b, uint32_t(r.size()));
   for (const Bytes& r : rows) b.insert(b.end(), r.begin(), r.end());
   return b;
 }
