@@ -4,10 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <string>
 
-#include "tests/support/big_endian.h"
 #include "tests/support/harness.h"
 #include "tests/support/psd_writer.h"
 #include "tests/support/temp_file.h"

@@ -6,7 +6,6 @@
 // to four bytes, the colour table between header and rows.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <vector>
