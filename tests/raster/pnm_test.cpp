@@ -31,7 +31,8 @@ std::vector<KindCase> everyKind() {
     add("P1", PnmBuilder('1'));
     add("P4", PnmBuilder('4'));
     for (char kind : {'2', '3', '5', '6'})
-      for (uint32_t maxval : {1u, 7u, 255u, 65535u}) add(std::string("P") + kind + " max " + std::to_string(maxval), PnmBuilder(kind).maxval(maxval));
+      for (uint32_t maxval : {7u, 255u, 256u, 65535u})
+        add(std::string("P") + kind + " max " + std::to_string(maxval), PnmBuilder(kind).maxval(maxval));
     add("PAM black and white", PnmBuilder('7').depth(1).maxval(1).tupleType("BLACKANDWHITE"));
     add("PAM grey, max 1", PnmBuilder('7').depth(1).maxval(1).tupleType("GRAYSCALE"));
     add("PAM grey alpha, 16 bits", PnmBuilder('7').depth(2).maxval(4095));
