@@ -32,7 +32,7 @@ uint32_t PsdBuilder::sampleAt(uint32_t x, uint32_t y, uint32_t c) const {
   if (sample_) return sample_(x, y, c);
   if (depth_ == 1) return (x + y) % 3 == 0;
   const uint32_t v = (x / 3 * 40 + y * 23 + c * 71) % 256;  // runs of three for PackBits
-  return depth_ == 16 ? v * 257 + (v < 255 ? x % 2 : 0) : v;  // low bytes that round away
+  return depth_ == 16 ? v * 257 + (v < 255 ? x % 2 * 200 : 0) : v;  // odd pixels round up
 }
 
 Bytes PsdBuilder::channelRow(uint32_t c, uint32_t y) const {
