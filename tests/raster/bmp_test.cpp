@@ -121,7 +121,8 @@ TEST(BmpPixels, EveryDepthInEveryBandSize) {
       struct Depth { uint16_t bits; std::vector<vtest::Rgb> palette; uint8_t layout; };
       const Depth depths[] = {
           {1, vtest::whiteBlack(), VLOAD_LAYOUT_BILEVEL}, {4, tinted, VLOAD_LAYOUT_INDEXED},
-          {8, vtest::greyRamp(256), VLOAD_LAYOUT_INDEXED}, {24, {}, VLOAD_LAYOUT_RGB}, {32, {}, VLOAD_LAYOUT_RGBA},
+          {8, vtest::greyRamp(header == 12 ? 256 : 7), VLOAD_LAYOUT_INDEXED},  // short where the header says so
+          {24, {}, VLOAD_LAYOUT_RGB}, {32, {}, VLOAD_LAYOUT_RGBA},
       };
       for (const Depth& d : depths) {
         const BmpBuilder builder = BmpBuilder{}.headerSize(header).size(width, 5).bits(d.bits).palette(d.palette);
@@ -161,12 +162,8 @@ TEST(BmpPixels, OneBitInversion) {
   EXPECT_EQ(l.description.colourMap[3], 255);  // entry 1 white
 }
 
-TEST(BmpPixels, RowsFollowTablesOfAnyLength) {
-  const BmpBuilder shortTable = BmpBuilder{}.size(6, 4).bits(8).palette(vtest::greyRamp(3)).pixels(
-      [](uint32_t x, uint32_t y, int) { return uint8_t((x + y) % 3); });
-  EXPECT_EQ(rowsOf(shortTable), shortTable.expectedRows());
-
-  // More than 256 entries: the first 256 are kept, the rest skipped.
+// More than 256 entries: the first 256 are kept, the rest skipped.
+TEST(BmpPixels, RowsFollowLongTables) {
   std::vector<vtest::Rgb> palette = vtest::greyRamp(256);
   palette.resize(300, {1, 2, 3});
   const BmpBuilder b = BmpBuilder{}.size(6, 4).bits(8).palette(palette).coloursUsedField(300);
