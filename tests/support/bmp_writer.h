@@ -14,9 +14,7 @@
 
 namespace vtest {
 
-struct Rgb {
-  uint8_t r, g, b;
-};
+struct Rgb { uint8_t r, g, b; };
 
 class BmpBuilder {
  public:
