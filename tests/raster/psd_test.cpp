@@ -86,9 +86,10 @@ TEST(PsdPixels, EveryColourModeRawAndPackBitsInEveryBandSize) {
         EXPECT_EQ(l.description.loader, uint32_t(kPsd));
         EXPECT_EQ(l.description.layout, m.layout);
         EXPECT_EQ(l.rows, want);
-        if (m.layout == VLOAD_LAYOUT_INDEXED)  // entry 10 of the table, or of a grey ramp
+        if (m.layout == VLOAD_LAYOUT_INDEXED) {  // entry 10 of the table, or of a grey ramp
           EXPECT_EQ(Bytes(l.description.colourMap + 30, l.description.colourMap + 33),
                     (m.mode == kIndexed ? Bytes{10, 245, 5} : Bytes{10, 10, 10}));
+        }
       }
     }
 }
