@@ -21,29 +21,21 @@ Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
 struct KindCase { std::string name; PnmBuilder builder; };
 
+// Comments only at one width: they take the same paths whatever the kind.
 std::vector<KindCase> everyKind() {
   std::vector<KindCase> cases;
-  for (uint32_t width : {1u, 9u, 17u}) {
+  for (uint32_t width : {1u, 9u}) {
     const auto add = [&](std::string name, PnmBuilder b) {
-      cases.push_back({name + " width " + std::to_string(width), b.size(width, 4)});
+      cases.push_back({name + " width " + std::to_string(width), b.size(width, 4).comments(width == 9)});
     };
-    for (bool comments : {false, true}) {
-      const std::string c = comments ? " with comments" : "";
-      add("P1" + c, PnmBuilder('1').comments(comments));
-      add("P4" + c, PnmBuilder('4').comments(comments));
-      for (uint32_t maxval : {1u, 7u, 255u, 256u, 1000u, 65535u}) {
-        const std::string m = c + " max " + std::to_string(maxval);
-        add("P2" + m, PnmBuilder('2').maxval(maxval).comments(comments));
-        add("P3" + m, PnmBuilder('3').maxval(maxval).comments(comments));
-        add("P5" + m, PnmBuilder('5').maxval(maxval).comments(comments));
-        add("P6" + m, PnmBuilder('6').maxval(maxval).comments(comments));
-      }
-    }
-    add("PAM black and white", PnmBuilder('7').depth(1).maxval(1).tupleType("BLACKANDWHITE").comments());
+    add("P1", PnmBuilder('1'));
+    add("P4", PnmBuilder('4'));
+    for (char kind : {'2', '3', '5', '6'})
+      for (uint32_t maxval : {7u, 255u, 256u, 65535u})
+        add(std::string("P") + kind + " max " + std::to_string(maxval), PnmBuilder(kind).maxval(maxval));
+    add("PAM black and white", PnmBuilder('7').depth(1).maxval(1).tupleType("BLACKANDWHITE"));
     add("PAM grey, max 1", PnmBuilder('7').depth(1).maxval(1).tupleType("GRAYSCALE"));
-    add("PAM grey alpha", PnmBuilder('7').depth(2).maxval(255).tupleType("GRAYSCALE_ALPHA"));
     add("PAM grey alpha, 16 bits", PnmBuilder('7').depth(2).maxval(4095));
-    add("PAM RGB", PnmBuilder('7').depth(3).maxval(255).tupleType("RGB"));
     add("PAM RGBA", PnmBuilder('7').depth(4).maxval(255).tupleType("RGB_ALPHA"));
     add("PAM RGBA, max 15", PnmBuilder('7').depth(4).maxval(15).tupleType("RGB_ALPHA"));
   }
@@ -68,23 +60,28 @@ TEST(PnmPixels, EveryKindAndMaximumInEveryBandSize) {
   }
 }
 
-TEST(PnmPixels, OnlyTheFirstOfSeveralPictures) {
-  const PnmBuilder second = PnmBuilder('6').size(2, 2);
-  const PnmBuilder first = PnmBuilder('6').size(3, 2).trailer(second.build());
-  const TempFile f(first.build(), ".ppm");
-  const vtest::Loaded l = vtest::load(f.path());
-  ASSERT_EQ(l.status, VLOAD_OK);
-  EXPECT_EQ(l.description.width, 3u);
-  EXPECT_EQ(l.rows, first.expectedRows());
-}
-
-TEST(PnmPixels, SamplesAboveTheMaximumCountAsTheMaximum) {
-  const TempFile raw(text(std::string("P5 3 1 100\n") + char(50) + char(100) + char(250)), ".pgm");
-  const TempFile plain(text("P2 3 1 100\n50 100 99999999999\n"), ".pgm");
-  for (const TempFile* f : {&raw, &plain}) {
-    const vtest::Loaded l = vtest::load(f->path());
+// Comments end at CR or LF in the classic header, at LF alone in PAM's;
+// several TUPLTYPE lines make one type; of several pictures the first is read.
+TEST(PnmPixels, HandWrittenFiles) {
+  struct Case { std::string bytes, rows, info; };
+  const Case cases[] = {
+      {"P5#a\r3#b\n#c\r\n2 #d\n255#e\rabcdef", "abcdef", "P5, maximum value 255"},
+      {"P7\n# one\rtwo\nWIDTH 3\n#\nHEIGHT 2\nDEPTH 1\nMAXVAL 255\nENDHDR\nabcdef", "abcdef", "P7, maximum value 255"},
+      {"P7\nWIDTH 1\nHEIGHT 1\nDEPTH 4\nMAXVAL 255\nTUPLTYPE RGB \nTUPLTYPE ALPHA\nENDHDR\nwxyz", "wxyz",
+       "P7 RGB ALPHA, maximum value 255"},
+      {"P6 1 1 255\nabcP6 1 1 255\nxyz", "abc", "P6, maximum value 255"},
+      {"P4 8 1\nx", "x", "P4"},
+      // Quirk: samples above the maximum count as the maximum instead of failing the picture.
+      {"P5 3 1 100\n2d\xFA", "\x80\xFF\xFF", "P5, maximum value 100"},
+      {"P2 3 1 100\n50 100 99999999999\n", "\x80\xFF\xFF", "P2, maximum value 100"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.bytes);
+    const TempFile f(text(c.bytes), ".pnm");
+    const vtest::Loaded l = vtest::load(f.path());
     ASSERT_EQ(l.status, VLOAD_OK);
-    EXPECT_EQ(l.rows, (Bytes{128, 255, 255}));
+    EXPECT_EQ(l.rows, text(c.rows));
+    EXPECT_STREQ(l.description.info, c.info.c_str());
   }
 }
 
@@ -100,7 +97,6 @@ TEST(PnmHeader, RefusesWhatItDoesNotRead) {
   struct Case { std::string name, bytes; uint32_t want; };
   const Case cases[] = {
       {"no white space after the magic", "P61 1 255\nxxx", VLOAD_NOT_THIS_FORMAT},
-      {"negative width", "P6 -1 1 255\nxxx", VLOAD_NOT_THIS_FORMAT},
       {"garbage after a number", "P6\n32 3588!\n255\n", VLOAD_NOT_THIS_FORMAT},
       {"header cut before the maximum", "P6 1 1", VLOAD_NOT_THIS_FORMAT},
       {"maximum 0", "P5 1 1 0\nx", VLOAD_NOT_THIS_FORMAT},
@@ -126,18 +122,6 @@ TEST(PnmHeader, RefusesWhatItDoesNotRead) {
   }
 }
 
-TEST(PnmHeader, CommentsWhereverWhiteSpaceMayStand) {
-  // Comments end at CR or LF in the classic header; in PAM at LF alone.
-  const TempFile classic(text("P5#a\r3#b\n#c\r\n2 #d\n255#e\rabcdef"), ".pgm");
-  const TempFile pam(text("P7\n# one\rtwo\nWIDTH 3\n#\nHEIGHT 2\nDEPTH 1\nMAXVAL 255\nENDHDR\nabcdef"), ".pam");
-  for (const TempFile* f : {&classic, &pam}) {
-    SCOPED_TRACE(f->path());
-    const vtest::Loaded l = vtest::load(f->path());
-    ASSERT_EQ(l.status, VLOAD_OK);
-    EXPECT_EQ(l.rows, text("abcdef"));
-  }
-}
-
 // ---- Delivery
 
 TEST(PnmPixels, BrokenRastersGiveDataErrors) {
@@ -146,7 +130,6 @@ TEST(PnmPixels, BrokenRastersGiveDataErrors) {
   const Case cases[] = {
       {"raw cut in the last row", vtest::truncated(raw, raw.size() - 1)},
       {"raw 16-bit cut", vtest::truncated(PnmBuilder('5').maxval(4000).build(), 30)},
-      {"PAM cut", vtest::truncated(PnmBuilder('7').depth(2).maxval(255).build(), 60)},
       {"plain with a letter", text("P2 2 2 255\n1 2 x 4\n")},
       {"plain cut", text("P3 2 1 255\n1 2 3 4 5\n")},
       {"plain bits with a 2", text("P1 3 1\n012\n")},

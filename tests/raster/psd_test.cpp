@@ -4,10 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <string>
 
-#include "tests/support/big_endian.h"
 #include "tests/support/harness.h"
 #include "tests/support/psd_writer.h"
 #include "tests/support/temp_file.h"
@@ -36,24 +34,17 @@ Bytes expectedRows(const PsdBuilder& b, uint16_t mode, uint16_t depth, uint32_t 
     const uint32_t v = b.sampleAt(x, y, c);
     return uint8_t(depth == 16 ? std::lround(v / 257.0) : v);
   };
+  const uint32_t colours = mode == kRgb ? 3 : mode == kCmyk ? 4 : 1;
   for (uint32_t y = 0; y < h; ++y) {
     if (mode == kBitmap) {
       const Bytes row = b.channelRow(0, y);
       rows.insert(rows.end(), row.begin(), row.end());
-      continue;
     }
-    for (uint32_t x = 0; x < w; ++x) {
-      switch (mode) {
-        case kRgb: for (uint32_t c = 0; c < 3; ++c) rows.push_back(at8(x, y, c)); break;
-        case kCmyk:
-          for (uint32_t c = 0; c < 3; ++c) rows.push_back(uint8_t(std::lround(at8(x, y, c) * at8(x, y, 3) / 255.0)));
-          break;
-        default:  // one channel: grey, duotone, indexed
-          rows.push_back(at8(x, y, 0));
-          if (alpha) rows.insert(rows.end(), {at8(x, y, 0), at8(x, y, 0)});
-          break;
-      }
-      if (alpha) rows.push_back(at8(x, y, mode == kCmyk ? 4 : mode == kRgb ? 3 : 1));
+    for (uint32_t x = 0; x < w && mode != kBitmap; ++x) {
+      const double ink = mode == kCmyk ? at8(x, y, 3) / 255.0 : 1;  // black scales the other inks
+      for (uint32_t c = 0; c < 3; ++c) rows.push_back(uint8_t(std::lround(at8(x, y, colours == 1 ? 0 : c) * ink)));
+      if (alpha) rows.push_back(at8(x, y, colours));
+      else if (colours == 1) rows.resize(rows.size() - 2);  // grey alone is one index a pixel
     }
   }
   return rows;
@@ -77,36 +68,30 @@ TEST(PsdPixels, EveryColourModeRawAndPackBitsInEveryBandSize) {
       {kCmyk, 8, 4, 0, VLOAD_LAYOUT_RGB},
       {kCmyk, 16, 5, -1, VLOAD_LAYOUT_RGBA},
   };
-  for (const ModeCase& m : modes) {
-    for (bool packed : {false, true}) {
-      for (bool large : {false, true}) {
-        for (uint32_t width : {1u, 37u}) {  // 37: two blocks of sixteen pixels and a rest
-          PsdBuilder b = PsdBuilder{}.mode(m.mode).depth(m.depth).channels(m.channels).size(width, 5)
-                             .packed(packed).large(large).layerCount(m.layers);
-          if (m.mode == kIndexed) b.colourTable(colourTable());
-          const TempFile f(b.build(), large ? ".psb" : ".psd");
-          const Bytes want = expectedRows(b, m.mode, m.depth, width, 5, m.layout == VLOAD_LAYOUT_RGBA);
-          for (uint32_t band : {1u, 2u, 0u}) {
-            SCOPED_TRACE("mode " + std::to_string(m.mode) + ", " + std::to_string(m.depth) + " bits, " +
-                         std::to_string(m.channels) + " channels, layers " + std::to_string(m.layers) +
-                         (packed ? ", PackBits" : ", raw") + (large ? ", PSB" : "") + ", width " +
-                         std::to_string(width) + ", band " + std::to_string(band));
-            const vtest::Loaded l = vtest::load(f.path(), 0, band);
-            ASSERT_EQ(l.status, VLOAD_OK);
-            EXPECT_EQ(l.description.loader, uint32_t(kPsd));
-            EXPECT_EQ(l.description.layout, m.layout);
-            EXPECT_EQ(l.rows, want);
-            if (m.layout == VLOAD_LAYOUT_INDEXED) {
-              const bool table = m.mode == kIndexed;
-              EXPECT_EQ(l.description.colourMap[3 * 10], 10);
-              EXPECT_EQ(l.description.colourMap[3 * 10 + 1], table ? 245 : 10);
-              EXPECT_EQ(l.description.colourMap[3 * 10 + 2], table ? 5 : 10);
-            }
-          }
+  for (const ModeCase& m : modes)
+    for (int variant = 0; variant < 8; ++variant) {
+      const bool packed = variant & 1, large = variant & 2;
+      const uint32_t width = variant & 4 ? 37 : 1;  // 37: two blocks of sixteen pixels and a rest
+      PsdBuilder b = PsdBuilder{}.mode(m.mode).depth(m.depth).channels(m.channels).size(width, 5)
+                         .packed(packed).large(large).layerCount(m.layers);
+      if (m.mode == kIndexed) b.colourTable(colourTable());
+      const TempFile f(b.build(), large ? ".psb" : ".psd");
+      const Bytes want = expectedRows(b, m.mode, m.depth, width, 5, m.layout == VLOAD_LAYOUT_RGBA);
+      for (uint32_t band : {1u, 2u, 0u}) {
+        SCOPED_TRACE(::testing::Message() << "mode " << m.mode << ", " << m.depth << " bits, " << m.channels
+                     << " channels, layers " << m.layers << ", packed " << packed << ", PSB " << large
+                     << ", width " << width << ", band " << band);
+        const vtest::Loaded l = vtest::load(f.path(), 0, band);
+        ASSERT_EQ(l.status, VLOAD_OK);
+        EXPECT_EQ(l.description.loader, uint32_t(kPsd));
+        EXPECT_EQ(l.description.layout, m.layout);
+        EXPECT_EQ(l.rows, want);
+        if (m.layout == VLOAD_LAYOUT_INDEXED) {  // entry 10 of the table, or of a grey ramp
+          EXPECT_EQ(Bytes(l.description.colourMap + 30, l.description.colourMap + 33),
+                    (m.mode == kIndexed ? Bytes{10, 245, 5} : Bytes{10, 10, 10}));
         }
       }
     }
-  }
 }
 
 TEST(PsdPixels, LabToSrgb) {
@@ -187,7 +172,7 @@ TEST(PsdHeader, RefusesWhatItDoesNotRead) {
       {"mode 5", rgb().mode(5).build(), VLOAD_NOT_THIS_FORMAT},
       {"bitmap of 8 bits", rgb().mode(kBitmap).channels(1).build(), VLOAD_NOT_THIS_FORMAT},
       {"indexed without its table", rgb().mode(kIndexed).channels(1).build(), VLOAD_NOT_THIS_FORMAT},
-      {"ZIP", rgb().compression(2).build(), VLOAD_UNSUPPORTED},
+      {"ZIP", patch16(good, counts - 2, 2), VLOAD_UNSUPPORTED},
       {"width 0", rgb().size(0, 3).build(), VLOAD_BAD_DATA},
       {"height 30001", rgb().size(1, 30001).build(), VLOAD_BAD_DATA},
       {"PSB width 300001", rgb().large().size(300001, 1).build(), VLOAD_BAD_DATA},
@@ -207,20 +192,24 @@ TEST(PsdHeader, RefusesWhatItDoesNotRead) {
   EXPECT_EQ(vtest::tryLoadStatus(wide.path(), kPsd), VLOAD_OK);
 }
 
-TEST(PsdHeader, DensitiesFromTheResolutionResource) {
-  struct Case { uint32_t x, y, wantX, wantY; };
+// Densities from the resolution resource (16.16 pixels per inch), and the info text.
+TEST(PsdHeader, Description) {
+  struct Case { PsdBuilder builder; uint32_t xDensity, yDensity; const char* info; };
   const Case cases[] = {
-      {300u << 16, 300u << 16, 300000, 300000},
-      {72u << 16 | 0x8000, 96u << 16, 72500, 96000},
-      {1, 1, 0, 0},  // 1/65536 dpi
-      {0, 0, 0, 0},  // no resource at all
+      {PsdBuilder{}.resolution(300u << 16, 300u << 16), 300000, 300000, "RGB, 8 bits, 3 channels, uncompressed"},
+      {PsdBuilder{}.resolution(72u << 16 | 0x8000, 96u << 16).mode(kBitmap).depth(1).channels(1), 72500, 96000,
+       "bitmap, 1 bit, 1 channel, uncompressed"},
+      {PsdBuilder{}.resolution(1, 1).depth(16).channels(4).layerCount(-1).packed().large(), 0, 0,  // 1/65536 dpi
+       "PSB RGB, 16 bits, 4 channels (merged transparency), PackBits"},
+      {PsdBuilder{}.resolution(0, 0), 0, 0, "RGB, 8 bits, 3 channels, uncompressed"},  // no resource
   };
   for (const Case& c : cases) {
-    const TempFile f(PsdBuilder{}.resolution(c.x, c.y).build(), ".psd");
+    SCOPED_TRACE(c.info);
+    const TempFile f(c.builder.build(), ".psd");
     const vtest::Loaded l = vtest::load(f.path());
-    ASSERT_EQ(l.status, VLOAD_OK);
-    EXPECT_EQ(l.description.xDensity, c.wantX);
-    EXPECT_EQ(l.description.yDensity, c.wantY);
+    EXPECT_EQ(l.description.xDensity, c.xDensity);
+    EXPECT_EQ(l.description.yDensity, c.yDensity);
+    EXPECT_STREQ(l.description.info, c.info);
   }
 }
 

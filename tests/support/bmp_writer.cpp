@@ -12,15 +12,6 @@ std::vector<Rgb> greyRamp(int entries) {
   return p;
 }
 
-namespace {
-
-uint8_t index(const std::function<uint8_t(uint32_t, uint32_t, int)>& f, uint32_t x, uint32_t y,
-              uint16_t bits) {
-  return uint8_t(f(x, y, 0) & ((1u << bits) - 1));
-}
-
-}  // namespace
-
 Bytes BmpBuilder::build() const {
   const bool core = headerSize_ == 12;
   const uint32_t w = uint32_t(width_ < 0 ? -width_ : width_);
@@ -35,16 +26,12 @@ Bytes BmpBuilder::build() const {
   put32le(b, 0);
   put32le(b, dataOffset);
   put32le(b, headerSize_);
-  if (core) {
-    put16le(b, uint32_t(width_));
-    put16le(b, uint32_t(height_));
-    put16le(b, planes_);
-    put16le(b, bits_);
-  } else {
-    put32le(b, uint32_t(width_));
-    put32le(b, uint32_t(height_));
-    put16le(b, planes_);
-    put16le(b, bits_);
+  const auto putSide = [&](int32_t v) { core ? put16le(b, uint32_t(v)) : put32le(b, uint32_t(v)); };
+  putSide(width_);
+  putSide(height_);
+  put16le(b, planes_);
+  put16le(b, bits_);
+  if (!core) {
     put32le(b, compression_);
     put32le(b, rowBytes * h);
     put32le(b, xPpm_);
@@ -69,16 +56,15 @@ Bytes BmpBuilder::build() const {
       switch (bits_) {
         case 1: case 2: case 4: case 8: {
           const uint32_t bit = x * bits_;
-          row[bit / 8] |= uint8_t(index(pixel_, x, y, bits_) << (8 - bits_ - bit % 8));
+          row[bit / 8] |= uint8_t(index(x, y) << (8 - bits_ - bit % 8));
           break;
         }
-        case 24:
-          for (int c = 0; c < 3; ++c) row[3 * x + 2 - c] = pixel_(x, y, c);
+        case 24: case 32: {
+          const uint32_t n = bits_ / 8u;
+          for (int c = 0; c < 3; ++c) row[n * x + 2 - c] = pixel_(x, y, c);
+          if (n == 4) row[4 * x + 3] = pixel_(x, y, 3);
           break;
-        case 32:
-          for (int c = 0; c < 3; ++c) row[4 * x + 2 - c] = pixel_(x, y, c);
-          row[4 * x + 3] = pixel_(x, y, 3);
-          break;
+        }
         default:  // 16 bits and others: any bytes; the loader refuses them
           break;
       }
@@ -88,26 +74,17 @@ Bytes BmpBuilder::build() const {
   return b;
 }
 
-Bytes BmpBuilder::expectedRows(bool expandBits, bool invertBits) const {
-  const uint32_t w = uint32_t(width_), h = uint32_t(height_);
+Bytes BmpBuilder::expectedRows(bool expandBits) const {
+  const bool packed = bits_ == 1 && !expandBits;
   Bytes out;
-  for (uint32_t y = 0; y < h; ++y) {
-    if (bits_ == 1 && !expandBits) {
-      Bytes row((w + 7) / 8, 0);
-      for (uint32_t x = 0; x < w; ++x)
-        row[x / 8] |= uint8_t(index(pixel_, x, y, 1) << (7 - x % 8));
-      if (invertBits)  // whole bytes, padding bits included, as the loader does
-        for (uint8_t& v : row) v = uint8_t(~v);
-      out.insert(out.end(), row.begin(), row.end());
-      continue;
+  for (uint32_t y = 0; y < uint32_t(height_); ++y) {
+    Bytes row(packed ? (uint32_t(width_) + 7) / 8 : 0, 0);
+    for (uint32_t x = 0; x < uint32_t(width_); ++x) {
+      if (packed) row[x / 8] |= uint8_t(index(x, y) << (7 - x % 8));
+      else if (bits_ <= 8) row.push_back(index(x, y));
+      else for (int c = 0; c < (bits_ == 32 ? 4 : 3); ++c) row.push_back(pixel_(x, y, c));
     }
-    for (uint32_t x = 0; x < w; ++x) {
-      if (bits_ <= 8) {
-        out.push_back(index(pixel_, x, y, bits_));
-      } else {
-        for (int c = 0; c < (bits_ == 32 ? 4 : 3); ++c) out.push_back(pixel_(x, y, c));
-      }
-    }
+    out.insert(out.end(), row.begin(), row.end());
   }
   return out;
 }

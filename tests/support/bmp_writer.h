@@ -6,7 +6,6 @@
 // to four bytes, the colour table between header and rows.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <vector>
@@ -15,9 +14,7 @@
 
 namespace vtest {
 
-struct Rgb {
-  uint8_t r, g, b;
-};
+struct Rgb { uint8_t r, g, b; };
 
 class BmpBuilder {
  public:
@@ -38,10 +35,12 @@ class BmpBuilder {
   Bytes build() const;
 
   // Rows as the loader delivers them, top-down, tightly packed:
-  // layout 0 (1 bit, bit 1 = palette entry 1 unless inverted), 1, 2 or 7.
-  Bytes expectedRows(bool expandBits = false, bool invertBits = false) const;
+  // layout 0 (1 bit, bit 1 = palette entry 1), 1, 2 or 7.
+  Bytes expectedRows(bool expandBits = false) const;
 
  private:
+  uint8_t index(uint32_t x, uint32_t y) const { return uint8_t(pixel_(x, y, 0) & ((1u << bits_) - 1)); }
+
   int32_t width_ = 4, height_ = 4;
   uint16_t bits_ = 24, planes_ = 1;
   uint32_t headerSize_ = 40, compression_ = 0, xPpm_ = 0, yPpm_ = 0, gap_ = 0;

@@ -13,9 +13,8 @@ uint32_t PnmBuilder::channels() const {
 }
 
 uint32_t PnmBuilder::sampleAt(uint32_t x, uint32_t y, uint32_t c) const {
-  const uint32_t top = bitmap() ? 1 : maxval_;
   if (sample_) return sample_(x, y, c);
-  return (x * 37 + y * 101 + c * 59) % (top + 1);
+  return (x * 37 + y * 101 + c * 59) % ((bitmap() ? 1 : maxval_) + 1);
 }
 
 Bytes PnmBuilder::build() const {
@@ -24,27 +23,18 @@ Bytes PnmBuilder::build() const {
     if (comments_) putText(b, std::string("# ") + text + "\n");
   };
   putText(b, std::string("P") + kind_ + "\n");
-  if (kind_ == '7') {
-    comment("made by the test writer");
-    putText(b, "WIDTH " + std::to_string(width_) + "\n");
-    comment("rows");
-    putText(b, "HEIGHT " + std::to_string(height_) + "\nDEPTH " + std::to_string(depth_) +
-                   "\nMAXVAL " + std::to_string(maxval_) + "\n");
-    if (!tupleType_.empty()) putText(b, "TUPLTYPE " + tupleType_ + "\n");
-    putText(b, "ENDHDR\n");
-  } else {
-    comment("width");
-    putText(b, std::to_string(width_));
-    putText(b, comments_ ? "\n" : " ");
-    comment("height");
-    putText(b, std::to_string(height_));
-    if (!bitmap()) {
-      putText(b, "\n");
-      comment("maximum");
-      putText(b, std::to_string(maxval_));
-    }
-    putText(b, comments_ ? "# end of the header\n" : "\n");
+  // One field a line; PAM names them, the classic headers have no depth
+  // and bitmaps no maximum.
+  const bool pam = kind_ == '7';
+  const std::pair<std::string, uint32_t> fields[] = {
+      {"WIDTH ", width_}, {"HEIGHT ", height_}, {"DEPTH ", depth_}, {"MAXVAL ", maxval_}};
+  for (const auto& [keyword, value] : fields) {
+    if (!pam && (keyword == "DEPTH " || (keyword == "MAXVAL " && bitmap()))) continue;
+    comment("a header field");
+    putText(b, (pam ? keyword : "") + std::to_string(value) + "\n");
   }
+  if (pam && !tupleType_.empty()) putText(b, "TUPLTYPE " + tupleType_ + "\n");
+  if (pam) putText(b, "ENDHDR\n");
   const bool plain = kind_ <= '3';
   const bool wide = maxval_ > 255;
   for (uint32_t y = 0; y < height_; ++y) {
@@ -67,7 +57,6 @@ Bytes PnmBuilder::build() const {
       }
     if (plain) putText(b, "\n");
   }
-  b.insert(b.end(), trailer_.begin(), trailer_.end());
   return b;
 }
 

@@ -26,8 +26,6 @@ class PnmBuilder {
   // A comment line before every header token, and in plain rasters between rows.
   PnmBuilder& comments(bool on = true) { comments_ = on; return *this; }
   PnmBuilder& samples(Sample f) { sample_ = std::move(f); return *this; }
-  // Bytes after the raster (a second picture, say).
-  PnmBuilder& trailer(Bytes b) { trailer_ = std::move(b); return *this; }
 
   Bytes build() const;
   Bytes expectedRows() const;
@@ -43,7 +41,6 @@ class PnmBuilder {
   std::string tupleType_;
   bool comments_ = false;
   Sample sample_;
-  Bytes trailer_;
 };
 
 }  // namespace vtest

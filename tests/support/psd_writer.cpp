@@ -32,7 +32,7 @@ uint32_t PsdBuilder::sampleAt(uint32_t x, uint32_t y, uint32_t c) const {
   if (sample_) return sample_(x, y, c);
   if (depth_ == 1) return (x + y) % 3 == 0;
   const uint32_t v = (x / 3 * 40 + y * 23 + c * 71) % 256;  // runs of three for PackBits
-  return depth_ == 16 ? v * 257 + (v < 255 ? x % 2 : 0) : v;  // low bytes that round away
+  return depth_ == 16 ? v * 257 + (v < 255 ? x % 2 * 200 : 0) : v;  // odd pixels round up
 }
 
 Bytes PsdBuilder::channelRow(uint32_t c, uint32_t y) const {
@@ -94,22 +94,15 @@ Bytes PsdBuilder::build() const {
   putLength(b, layers.size());
   b.insert(b.end(), layers.begin(), layers.end());
 
-  put16be(b, compressionSet_ ? compression_ : packBits_ ? 1 : 0);
-  if (!packBits_) {
-    for (uint32_t c = 0; c < channels_; ++c)
-      for (uint32_t y = 0; y < height_; ++y) {
-        const Bytes row = channelRow(c, y);
-        b.insert(b.end(), row.begin(), row.end());
-      }
-    return b;
-  }
+  put16be(b, packBits_ ? 1 : 0);
   std::vector<Bytes> rows;
   for (uint32_t c = 0; c < channels_; ++c)
     for (uint32_t y = 0; y < height_; ++y) {
       const auto r = replaced_.find({c, y});
-      rows.push_back(r != replaced_.end() ? r->second : packBits(channelRow(c, y)));
+      rows.push_back(!packBits_ ? channelRow(c, y) : r != replaced_.end() ? r->second : packBits(channelRow(c, y)));
     }
-  for (const Bytes& r : rows) large_ ? put32be(b, uint32_t(r.size())) : put16be(b, uint32_t(r.size()));
+  if (packBits_)  // the byte counts of the rows
+    for (const Bytes& r : rows) large_ ? put32be(b, uint32_t(r.size())) : put16be(b, uint32_t(r.size()));
   for (const Bytes& r : rows) b.insert(b.end(), r.begin(), r.end());
   return b;
 }

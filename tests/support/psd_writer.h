@@ -30,7 +30,6 @@ class PsdBuilder {
   PsdBuilder& size(uint32_t width, uint32_t height) { width_ = width; height_ = height; return *this; }
   PsdBuilder& packed(bool on = true) { packBits_ = on; return *this; }
   PsdBuilder& large(bool on = true) { large_ = on; return *this; }  // PSB
-  PsdBuilder& compression(uint16_t c) { compression_ = c; compressionSet_ = true; return *this; }
   // Pixels per inch, 16.16 fixed point; 0 writes no resolution resource.
   PsdBuilder& resolution(uint32_t x, uint32_t y) { xRes_ = x; yRes_ = y; return *this; }
   // A layer section with this layer count (layers themselves are left empty); 0: none.
@@ -49,8 +48,7 @@ class PsdBuilder {
   uint32_t sampleAt(uint32_t x, uint32_t y, uint32_t channel) const;
 
  private:
-  uint16_t mode_ = 3, depth_ = 8, channels_ = 3, compression_ = 0;
-  bool compressionSet_ = false;
+  uint16_t mode_ = 3, depth_ = 8, channels_ = 3;
   uint32_t width_ = 6, height_ = 4;
   bool packBits_ = false, large_ = false;
   uint32_t xRes_ = 72u << 16, yRes_ = 72u << 16;
