@@ -55,11 +55,11 @@ bool bmpHeaderSize(std::span<const uint8_t> h) {
   }
 }
 
-// Portable bitmaps: "P1" to "P7" and white space. Weak, so tested last.
+// Portable bitmaps: "P1" to "P7" and white space or a comment. Weak, so tested last.
 bool pnmMagic(std::span<const uint8_t> h) {
   if (h.size() < 3 || h[1] < '1' || h[1] > '7') return false;
   const uint8_t c = h[2];
-  return c == ' ' || (c >= '\t' && c <= '\r');
+  return c == ' ' || (c >= '\t' && c <= '\r') || c == '#';  // a comment may follow at once
 }
 
 // Photoshop swatches have no magic: a version word (1 or 2, the prefix), a

@@ -77,7 +77,7 @@ TEST(PnmPixels, HandWrittenFiles) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.bytes);
-    const TempFile f(text(c.bytes), ".pnm");
+    const TempFile f(text(c.bytes), ".dat");  // found by content, as the loader reads it
     const vtest::Loaded l = vtest::load(f.path());
     ASSERT_EQ(l.status, VLOAD_OK);
     EXPECT_EQ(l.rows, text(c.rows));
