@@ -154,7 +154,6 @@ TEST(PnmPixels, StrideWiderThanTheRow) {
   ASSERT_EQ(getTryLoad()(f.path(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
                          nullptr, nullptr, nullptr, nullptr, 1), VLOAD_OK);
   Bytes buffer(3 * 20, 0xEE);
-  EXPECT_EQ(getLoadBand()(buffer.data(), 3, 14, nullptr), VLOAD_BAD_REQUEST);  // under one row
   EXPECT_EQ(getLoadBand()(buffer.data(), 3, 20, nullptr), VLOAD_OK);
   getEndLoad()(nullptr, 0, 0, nullptr);
   Bytes want = b.expectedRows();
