@@ -92,6 +92,17 @@ TEST(WebpPixels, AnimationShowsItsFirstFrameOnTheCanvas) {
   }
 }
 
+// The headers of an animation on a canvas of this size: VP8X with the
+// animation flag, sides less one in 24 bits, then ANIM.
+Bytes animationCanvas(uint32_t width, uint32_t height) {
+  Bytes b = {'R', 'I', 'F', 'F', 36, 0, 0, 0, 'W', 'E', 'B', 'P', 'V', 'P', '8', 'X', 10, 0, 0, 0, 0x02, 0, 0, 0};
+  for (const uint32_t side : {width - 1, height - 1})
+    for (int i = 0; i < 3; ++i) b.push_back(uint8_t(side >> (8 * i)));
+  const Bytes anim = {'A', 'N', 'I', 'M', 6, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  b.insert(b.end(), anim.begin(), anim.end());
+  return b;
+}
+
 // Data cut short is in the band test above.
 TEST(WebpRefusals, Statuses) {
   const Bytes lossless = vtest::webpFile({.width = 200, .height = 150});
@@ -103,6 +114,7 @@ TEST(WebpRefusals, Statuses) {
       {"headers cut short", vtest::truncated(lossless, 20), VLOAD_CANNOT_OPEN, 0},
       {"unknown chunk where the picture should be", vtest::patched8(lossless, 12, 'X'), VLOAD_BAD_REQUEST, 0},
       {"garbled lossless data", garbled, VLOAD_OK, VLOAD_BAD_REQUEST},
+      {"animation canvas wider than 262140", animationCanvas(262141, 2), VLOAD_BAD_DATA, 0},
   };
   const int fds = vtest::openFdCount();
   for (const Case& c : cases) {
