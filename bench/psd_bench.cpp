@@ -1,7 +1,8 @@
 // bench/psd_bench.cpp: the Photoshop document loader on 4000 x 3000 RGB
 // documents, uncompressed and PackBits, each beside fread of the same file
-// into a warm destination. The pixels vary like a photograph's, so PackBits
-// gains nothing and the decoder works on literal runs throughout.
+// into a destination of the same kind (pages touched before, "warm", or new,
+// "fresh"). The pixels vary like a photograph's, so PackBits gains nothing
+// and the decoder works on literal runs throughout.
 #include <cstdio>
 #include <cstdlib>
 
@@ -25,21 +26,25 @@ const vtest::TempFile& psdFile(bool packBits) {
   return packBits ? packed : raw;
 }
 
-void BM_PsdFread(benchmark::State& s, bool packBits) {
-  vbench::timeFread(s, psdFile(packBits).path(), false);
+void BM_PsdFread(benchmark::State& s, bool packBits, bool fresh) {
+  vbench::timeFread(s, psdFile(packBits).path(), fresh);
   vbench::megapixels(s, double(kWidth) * kHeight);
 }
 
-void BM_PsdLoad(benchmark::State& s, bool packBits) {
-  vbench::timeLoad(s, 76, psdFile(packBits).path(), false);
+void BM_PsdLoad(benchmark::State& s, bool packBits, bool fresh) {
+  vbench::timeLoad(s, 76, psdFile(packBits).path(), fresh);
   vbench::megapixels(s, double(kWidth) * kHeight);
 }
 
-BENCHMARK_CAPTURE(BM_PsdFread, psd_raw, false)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_PsdFread, psd_packbits, true)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_PsdLoad, psd_raw, false)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_PsdLoad, psd_packbits, true)->Unit(benchmark::kMillisecond);
-const bool paired = vbench::pair("BM_PsdLoad/psd_raw", "BM_PsdFread/psd_raw") &&
-                    vbench::pair("BM_PsdLoad/psd_packbits", "BM_PsdFread/psd_packbits");
+#define PSD_CASES(name, packBits)                                                                      \
+  BENCHMARK_CAPTURE(BM_PsdFread, name##_warm, packBits, false)->Unit(benchmark::kMillisecond);         \
+  BENCHMARK_CAPTURE(BM_PsdFread, name##_fresh, packBits, true)->Unit(benchmark::kMillisecond);         \
+  BENCHMARK_CAPTURE(BM_PsdLoad, name##_warm, packBits, false)->Unit(benchmark::kMillisecond);          \
+  BENCHMARK_CAPTURE(BM_PsdLoad, name##_fresh, packBits, true)->Unit(benchmark::kMillisecond);          \
+  const bool paired_##name = vbench::pair("BM_PsdLoad/" #name "_warm", "BM_PsdFread/" #name "_warm") && \
+                             vbench::pair("BM_PsdLoad/" #name "_fresh", "BM_PsdFread/" #name "_fresh");
+
+PSD_CASES(psd_raw, false)
+PSD_CASES(psd_packbits, true)
 
 }  // namespace

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 
+#include "framework/checked.h"
+
 namespace ldr {
 
 size_t readAt(int fd, void* buffer, size_t n, off_t offset) noexcept {
@@ -33,6 +35,25 @@ size_t readAt(int fd, iovec* pieces, int count, off_t offset) noexcept {
     }
   }
   return done;
+}
+
+bool MatchedChunk::reserve(size_t bytes, size_t slack) noexcept {
+  // The block is only as aligned as the allocator makes it: room for a page
+  // to find a page boundary in, and one for the offset within the page.
+  size_t total = 0;
+  if (!addOk(bytes, 2 * kPage, total) || !addOk(total, slack, total)) return false;
+  block_ = allocBlock(total);
+  if (!block_) return false;
+  page_ = block_.get() + (kPage - reinterpret_cast<uintptr_t>(block_.get()) % kPage) % kPage;
+  data_ = page_;
+  capacity_ = bytes;
+  return true;
+}
+
+size_t MatchedChunk::read(int fd, off_t offset, size_t n) noexcept {
+  if (!block_ || offset < 0 || n > capacity_) return 0;
+  data_ = page_ + size_t(offset) % kPage;
+  return readAt(fd, data_, n, offset);
 }
 
 }  // namespace ldr

@@ -43,11 +43,12 @@ constexpr size_t kMaxHeaderBytes = kFileHeaderBytes + kLongInfoHeaderBytes;
 constexpr uint32_t kMaxAspect = 50;      // densities further apart than this are nonsense
 constexpr uint32_t kMinAspectX = 10;     // the aspect test applies above these densities
 constexpr uint32_t kMinAspectY = 1;
-constexpr size_t kChunkBytes = 256 * 1024;  // rows to convert are read in pieces of about this size
-constexpr size_t kPage = 4096;
-// Rows read straight into the caller's buffer go in batches small enough to
-// be fixed up while still in the cache, and of at most IOV_MAX / 2 rows (two
-// pieces a row: the row and its padding).
+// Rows are read in pieces of about this size: the kernel copies pieces this
+// large faster per byte than pieces of a quarter of the size, and a piece
+// still fits the level-2 cache while its rows are converted.
+constexpr size_t kChunkBytes = 1024 * 1024;
+// Rows read straight into the caller's buffer go in batches of at most
+// IOV_MAX / 2 rows (two pieces a row: the row and its padding).
 constexpr size_t kInPlaceBatchBytes = 256 * 1024;
 constexpr uint32_t kMaxInPlaceBatchRows = IOV_MAX / 2;
 
@@ -129,21 +130,18 @@ bool hasSwappedDensities(const char* fileName) {
 
 // ---- State
 
-// Copy, Invert, Bgr and Bgra rows have the size in the file that they have
-// in the caller's buffer: they are read in place and, but for Copy, fixed up
-// there. Nibbles and Bits rows grow and go through the read-ahead chunk.
 enum class Conversion : uint8_t { Copy, Invert, Bgr, Bgra, Nibbles, Bits };
-
-bool readsInPlace(Conversion c) { return c <= Conversion::Bgra; }
 
 struct BmpState {
   File file;
   off_t offset = 0;  // where the next stored row starts in the file
-  // Rows that need converting are read ahead into `chunk`, a window of
-  // `chunkBlock` placed so that its address matches the file offset modulo
-  // the page size: the kernel then copies page onto page.
-  Block chunkBlock;
-  uint8_t* chunk = nullptr;
+  // Rows are read ahead into `chunk` and copied or converted from there to
+  // the caller's rows, but for Copy rows that go through the caches: those
+  // are read straight into the caller's rows. For rows to stream or convert
+  // the chunk is faster: the caller's rows start at addresses skewed from
+  // their file offsets, and the kernel's copy to a skewed address costs more
+  // than its copy to the chunk and a streamed copy onwards together.
+  MatchedChunk chunk;
   uint32_t chunkCapacity = 0;  // rows the chunk holds
   uint32_t chunkRows = 0;      // rows in the chunk now
   uint32_t chunkNext = 0;      // next of them to deliver
@@ -241,11 +239,8 @@ Status describe(const char* fileName, Picture& out, uint8_t* colorMap, bool read
 
   st.offset = ftello(st.file.get());
   if (st.offset < 0) return Status::BadData;
-  if (!readsInPlace(st.conversion)) {
-    st.chunkCapacity = std::max<uint32_t>(1, uint32_t(kChunkBytes / st.storedRowBytes));
-    st.chunkBlock = allocBlock(size_t{st.chunkCapacity} * st.storedRowBytes + kPage);
-    if (!st.chunkBlock) return Status::NoMemory;
-  }
+  st.chunkCapacity = std::clamp<uint32_t>(uint32_t(kChunkBytes / st.storedRowBytes), 1, uint32_t(h.height));
+  if (!st.chunk.reserve(size_t{st.chunkCapacity} * st.storedRowBytes)) return Status::NoMemory;
 
   st.width = w;
   st.height = uint32_t(h.height);
@@ -260,9 +255,9 @@ uint8_t* destinationRow(const BmpState& st, const Band& band, uint32_t i) {
   return rowAt(band.buffer, int64_t{st.height} - st.delivered - i - 1, band.rowStride);
 }
 
-// Rows that need no conversion go from the file straight to their place in
-// the caller's buffer, a batch at a time; the padding goes to a scratch pad.
-// Returns the rows of the batch read whole.
+// Copy rows that go through the caches go from the file straight to their
+// place in the caller's buffer, a batch at a time; the padding goes to a
+// scratch pad. Returns the rows of the batch read whole.
 uint32_t readRowsInPlace(BmpState& st, const Band& band, uint32_t first, uint32_t rows) {
   iovec pieces[2 * kMaxInPlaceBatchRows];
   uint8_t pad[4];
@@ -274,6 +269,7 @@ uint32_t readRowsInPlace(BmpState& st, const Band& band, uint32_t first, uint32_
   }
   const size_t got = readAt(::fileno(st.file.get()), pieces, count, st.offset);
   st.offset += off_t(got);
+  st.rowsFetched += uint32_t(got / st.storedRowBytes);
   return uint32_t(got / st.storedRowBytes);
 }
 
@@ -282,31 +278,24 @@ uint32_t readRowsInPlace(BmpState& st, const Band& band, uint32_t first, uint32_
 const uint8_t* nextStoredRow(BmpState& st) {
   if (st.chunkNext == st.chunkRows) {
     const uint32_t want = std::min(st.chunkCapacity, st.height - st.rowsFetched);
-    st.chunk = st.chunkBlock.get() + size_t(st.offset) % kPage;
-    const size_t got = readAt(::fileno(st.file.get()), st.chunk, size_t{want} * st.storedRowBytes, st.offset);
+    const size_t got = st.chunk.read(::fileno(st.file.get()), st.offset, size_t{want} * st.storedRowBytes);
     st.offset += off_t(got);
     st.chunkRows = uint32_t(got / st.storedRowBytes);
     st.chunkNext = 0;
     st.rowsFetched += st.chunkRows;
     if (st.chunkRows == 0) return nullptr;
   }
-  return st.chunk + size_t{st.chunkNext++} * st.storedRowBytes;
+  return st.chunk.data() + size_t{st.chunkNext++} * st.storedRowBytes;
 }
 
-// Finishes a row read in place while it is still in the cache.
-void fixUpInPlace(const BmpState& st, uint8_t* row) {
+void convertRow(const BmpState& st, const uint8_t* src, uint8_t* dst, Store store) {
   switch (st.conversion) {
+    case Conversion::Copy: copyBytes(src, dst, st.usedRowBytes, store); break;
     case Conversion::Invert:
-      for (uint32_t k = 0; k < st.usedRowBytes; ++k) row[k] = uint8_t(~row[k]);
+      for (uint32_t k = 0; k < st.usedRowBytes; ++k) dst[k] = uint8_t(~src[k]);
       break;
-    case Conversion::Bgr: swapRedBlue3(row, st.width); break;
-    case Conversion::Bgra: swapRedBlue4(row, st.width); break;
-    default: break;
-  }
-}
-
-void convertRow(const BmpState& st, const uint8_t* src, uint8_t* dst) {
-  switch (st.conversion) {
+    case Conversion::Bgr: swapRedBlue3(src, dst, st.width, store); break;
+    case Conversion::Bgra: swapRedBlue4(src, dst, st.width, store); break;
     case Conversion::Nibbles:
       for (uint32_t x = 0; x + 1 < st.width; x += 2) {
         dst[x] = src[x / 2] >> 4;
@@ -317,11 +306,26 @@ void convertRow(const BmpState& st, const uint8_t* src, uint8_t* dst) {
     case Conversion::Bits:
       for (uint32_t x = 0; x < st.width; ++x) dst[x] = (src[x / 8] >> (7 - x % 8)) & 1;
       break;
-    case Conversion::Copy:
-    case Conversion::Invert:
-    case Conversion::Bgr:
-    case Conversion::Bgra: break;  // read in place
   }
+}
+
+Status readInPlace(BmpState& st, const Band& band, uint32_t rows) {
+  const uint32_t batchRows =
+      std::clamp<uint32_t>(uint32_t(kInPlaceBatchBytes / st.storedRowBytes), 1, kMaxInPlaceBatchRows);
+  for (uint32_t first = 0; first < rows; first += batchRows) {
+    const uint32_t batch = std::min(batchRows, rows - first);
+    if (readRowsInPlace(st, band, first, batch) < batch) return Status::BadData;
+  }
+  return Status::Ok;
+}
+
+Status readConverted(BmpState& st, const Band& band, uint32_t rows, Store store) {
+  for (uint32_t i = 0; i < rows; ++i) {
+    const uint8_t* src = nextStoredRow(st);
+    if (!src) return Status::BadData;
+    convertRow(st, src, destinationRow(st, band, i), store);
+  }
+  return Status::Ok;
 }
 
 Status deliver(const Band& band) {
@@ -332,23 +336,14 @@ Status deliver(const Band& band) {
       uint32_t(band.rowCount) > st.height - st.delivered)
     return Status::BadRequest;
   const uint32_t rows = uint32_t(band.rowCount);
-  const uint32_t kInPlaceBatchRows = std::clamp<uint32_t>(
-      uint32_t(kInPlaceBatchBytes / st.storedRowBytes), 1, kMaxInPlaceBatchRows);
-  if (readsInPlace(st.conversion)) {
-    for (uint32_t first = 0; first < rows;) {
-      const uint32_t batch = std::min(kInPlaceBatchRows, rows - first);
-      const uint32_t whole = readRowsInPlace(st, band, first, batch);
-      for (uint32_t i = first; i < first + whole; ++i) fixUpInPlace(st, destinationRow(st, band, i));
-      if (whole < batch) return st.failed = Status::BadData;
-      first += batch;
-    }
-  } else {
-    for (uint32_t i = 0; i < rows; ++i) {
-      const uint8_t* src = nextStoredRow(st);
-      if (!src) return st.failed = Status::BadData;
-      convertRow(st, src, destinationRow(st, band, i));
-    }
-  }
+  if (rows == 0) return Status::Ok;
+  const Store store = prepareRows(destinationRow(st, band, rows - 1), destinationRow(st, band, 0), st.outRowBytes,
+                                  uint64_t{st.height} * uint32_t(band.rowStride));
+  // Rows the chunk holds already are delivered from there in any case.
+  const bool inPlace = st.conversion == Conversion::Copy && store == Store::Cached && st.chunkNext == st.chunkRows;
+  const Status s = inPlace ? readInPlace(st, band, rows) : readConverted(st, band, rows, store);
+  if (store == Store::Streamed) fenceStreamed();
+  if (s != Status::Ok) return st.failed = s;
   st.delivered += rows;
   return Status::Ok;
 }

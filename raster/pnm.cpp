@@ -30,6 +30,7 @@
 #include "framework/file.h"
 #include "framework/io.h"
 #include "framework/loader.h"
+#include "framework/pixels.h"
 #include "vload.h"
 
 namespace ldr {
@@ -42,7 +43,10 @@ constexpr uint32_t kMaxSample = 65535;
 constexpr uint32_t kMaxDepth = 4;
 constexpr size_t kMaxHeaderBytes = 64 * 1024;
 constexpr uint32_t kTooBig = UINT32_MAX;  // what a number of more than 32 bits reads as
-constexpr size_t kChunkBytes = 256 * 1024;  // rows to convert are read in pieces of about this size
+// Raw rows are read in pieces of about this size: the kernel copies pieces
+// this large faster per byte than pieces of a quarter of the size, and a
+// piece still fits the level-2 cache while its rows are converted.
+constexpr size_t kChunkBytes = 1024 * 1024;
 
 // ---- Header
 
@@ -181,8 +185,11 @@ struct PnmState {
   uint32_t width = 0, height = 0, depth = 1, maxval = 255;
   uint32_t storedRowBytes = 0, outRowBytes = 0;
   off_t offset = 0;  // raw rasters: where the next stored row starts
-  Block chunk;       // raw rows read ahead for converting
+  // Raw rows to convert or stream are read ahead into `chunk` and go from
+  // there to the caller's rows (see readRaw).
+  MatchedChunk chunk;
   uint32_t chunkRows = 0;
+  StoreChoice stores;
   Block samples;     // one row of samples scaled to 0..255
   uint8_t scale[256] = {};  // 8-bit samples to 0..255
   uint32_t delivered = 0;
@@ -197,8 +204,8 @@ uint8_t scaled(const PnmState& st, uint32_t v) {
   return uint8_t((v * 255 + st.maxval / 2) / st.maxval);
 }
 
-bool readsInPlace(const PnmState& st) {
-  if (st.plain) return false;
+// Raw rows whose stored bytes are the caller's pixels.
+bool copiesRows(const PnmState& st) {
   return st.pack == Pack::StoredBits || (st.pack == Pack::Same && st.maxval == 255 && !st.wide);
 }
 
@@ -245,11 +252,13 @@ Status describe(const char* fileName, Picture& out, uint8_t* colorMap, bool read
   for (uint32_t v = 0; v < 256; ++v) st.scale[v] = scaled(st, v);
   st.offset = off_t(h.dataOffset);
   if (st.plain && fseeko(st.file.get(), st.offset, SEEK_SET) != 0) return Status::BadData;
-  if (!readsInPlace(st)) {
+  if (st.plain || !copiesRows(st)) {
     st.samples = allocBlock(size_t{h.width} * h.depth);
-    st.chunkRows = std::max<uint32_t>(1, uint32_t(kChunkBytes / st.storedRowBytes));
-    st.chunk = st.plain ? Block() : allocBlock(size_t{st.chunkRows} * st.storedRowBytes);
-    if (!st.samples || (!st.plain && !st.chunk)) return Status::NoMemory;
+    if (!st.samples) return Status::NoMemory;
+  }
+  if (!st.plain) {
+    st.chunkRows = std::clamp<uint32_t>(uint32_t(kChunkBytes / st.storedRowBytes), 1, h.height);
+    if (!st.chunk.reserve(size_t{st.chunkRows} * st.storedRowBytes)) return Status::NoMemory;
   }
 
   out.width = h.width;
@@ -327,8 +336,9 @@ void packRow(const PnmState& st, const uint8_t* samples, uint8_t* out) {
   }
 }
 
-// Raw rows that need no converting go straight to the caller's rows: in one
-// read when the rows are packed, else one read a row.
+// Raw rows that need no converting and go through the caches are read
+// straight into the caller's rows: in one read when the rows are packed, else
+// one read a row.
 Status readRawInPlace(PnmState& st, const Band& band) {
   const int fd = ::fileno(st.file.get());
   const size_t rowBytes = st.storedRowBytes;
@@ -346,17 +356,35 @@ Status readRawInPlace(PnmState& st, const Band& band) {
   return Status::Ok;
 }
 
-Status readRawConverted(PnmState& st, const Band& band) {
+// Other raw rows are read into the chunk, at addresses matching their file
+// offsets, and copied or converted from there. For rows to stream that
+// beats reading them in place: the caller's rows start at addresses skewed
+// from their file offsets (by the header's length), and the kernel's copy to
+// a skewed address costs more than its copy to the chunk and a streamed copy
+// onwards together.
+Status readRaw(PnmState& st, const Band& band, Store store) {
   const int fd = ::fileno(st.file.get());
+  const bool copies = copiesRows(st);
   for (uint32_t first = 0; first < uint32_t(band.rowCount);) {
     const uint32_t rows = std::min(st.chunkRows, uint32_t(band.rowCount) - first);
-    const size_t want = size_t{rows} * st.storedRowBytes;
-    const size_t got = readAt(fd, st.chunk.get(), want, st.offset);
+    const size_t got = st.chunk.read(fd, st.offset, size_t{rows} * st.storedRowBytes);
     st.offset += off_t(got);
     const uint32_t whole = uint32_t(got / st.storedRowBytes);
+    // Packed rows go in one copy: a row that ends inside a cache line would
+    // otherwise leave that line to two copies.
+    if (copies && uint32_t(band.rowStride) == st.storedRowBytes) {
+      copyBytes(st.chunk.data(), rowAt(band.buffer, first, band.rowStride), size_t{whole} * st.storedRowBytes, store);
+      if (whole < rows) return Status::BadData;
+      first += rows;
+      continue;
+    }
     for (uint32_t i = 0; i < whole; ++i) {
       uint8_t* out = rowAt(band.buffer, first + i, band.rowStride);
-      const uint8_t* stored = st.chunk.get() + size_t{i} * st.storedRowBytes;
+      const uint8_t* stored = st.chunk.data() + size_t{i} * st.storedRowBytes;
+      if (copies) {
+        copyBytes(stored, out, st.storedRowBytes, store);
+        continue;
+      }
       // Samples that keep their layout are scaled straight into place.
       uint8_t* samples = st.pack == Pack::Same ? out : st.samples.get();
       scaleRawRow(st, stored, samples);
@@ -382,7 +410,9 @@ Status deliver(const Band& band) {
       else if (st.pack != Pack::StoredBits) packRow(st, st.samples.get(), out);
     }
   } else {
-    s = readsInPlace(st) ? readRawInPlace(st, band) : readRawConverted(st, band);
+    const Store store = st.stores.forBand(band.buffer, band.rowCount, band.rowStride, st.outRowBytes, st.height);
+    s = copiesRows(st) && store == Store::Cached ? readRawInPlace(st, band) : readRaw(st, band, store);
+    if (store == Store::Streamed) fenceStreamed();
   }
   if (s != Status::Ok) return st.failed = s;
   st.delivered += uint32_t(band.rowCount);

@@ -48,13 +48,15 @@ constexpr size_t kResolutionBytes = 16;
 constexpr size_t kResourceHeadBytes = 12;  // signature, id, empty name, size
 constexpr size_t kColourTableBytes = 768;
 constexpr uint32_t kMaxUsedChannels = 5;  // CMYK and alpha
-constexpr size_t kChunkBytes = 256 * 1024;  // a channel's rows are read in pieces of about this size
-// PackBits copies go in whole blocks of this size: a short copy of unknown
-// length costs more than a few bytes copied in vain. The blocks reach up to
+// A channel's rows are read in pieces of about this size.
+constexpr size_t kChunkBytes = 256 * 1024;
+// PackBits copies go in whole blocks of this size, a vector's worth: a short
+// copy of unknown length costs more than a few bytes copied in vain, and a
+// run (at most 128 bytes) takes one or two blocks. The blocks reach up to
 // kBlockSlack - 1 bytes beyond a run, into the rest of the row (written by the
 // runs that follow), the next row (unpacked next) or the slack that every
 // buffer they touch carries at its end.
-constexpr size_t kBlockSlack = 16;
+constexpr size_t kBlockSlack = 64;
 
 enum Mode : uint16_t {
   kBitmap = 0, kGrey = 1, kIndexed = 2, kRgb = 3, kCmyk = 4, kMultichannel = 7, kDuotone = 8, kLab = 9
@@ -199,10 +201,17 @@ struct PsdState {
   std::vector<uint32_t> rowCounts;  // PackBits: compressed bytes of each row, channel after channel
   std::array<off_t, kMaxUsedChannels> next{};  // PackBits: where each channel's next row starts
   uint32_t chunkRows = 0;
-  Block planes;  // `used` channels of chunkRows rows of planeRowBytes
-  Block wide;    // 16-bit rows before they are rounded
-  Block packed;  // compressed rows of one channel
+  // The file's bytes are read into chunks at addresses matching their file
+  // offsets, which the kernel copies to fastest: raw 8-bit (and 1-bit) rows,
+  // one chunk per used channel, which then serve as the planes themselves;
+  // or, in chunks[0], raw 16-bit rows or one channel's PackBits rows, which
+  // are then rounded or unpacked into `planes`.
+  std::array<MatchedChunk, kMaxUsedChannels> chunks;
+  Block planes;  // `used` channels of chunkRows rows of planeRowBytes, when not read straight
+  Block wide;    // a 16-bit PackBits row before it is rounded
+  std::array<const uint8_t*, kMaxUsedChannels> plane{};  // each channel's rows in hand
   uint32_t outRowBytes = 0;
+  StoreChoice stores;
   uint32_t delivered = 0;
   Status failed = Status::Ok;
 };
@@ -316,10 +325,17 @@ Status describe(const char* fileName, Picture& out, uint8_t* colorMap, bool read
   }
 
   st.chunkRows = std::clamp<uint32_t>(uint32_t(kChunkBytes / st.storedRowBytes), 1, h.height);
-  st.planes = allocBlock(size_t{st.used} * st.chunkRows * st.planeRowBytes + kBlockSlack);
-  if (h.depth == 16) st.wide = allocBlock(size_t{st.chunkRows} * st.storedRowBytes + kBlockSlack);
-  if (st.packBits) st.packed = allocBlock(size_t{st.chunkRows} * st.maxPackedRow + kBlockSlack);
-  if (!st.planes || (h.depth == 16 && !st.wide) || (st.packBits && !st.packed)) return Status::NoMemory;
+  if (!st.packBits && h.depth != 16) {
+    for (uint32_t c = 0; c < st.used; ++c)
+      if (!st.chunks[c].reserve(size_t{st.chunkRows} * st.storedRowBytes)) return Status::NoMemory;
+  } else {
+    const uint32_t readRowBytes = st.packBits ? st.maxPackedRow : st.storedRowBytes;
+    st.planes = allocBlock(size_t{st.used} * st.chunkRows * st.planeRowBytes + kBlockSlack);
+    if (st.packBits && h.depth == 16) st.wide = allocBlock(st.storedRowBytes + kBlockSlack);
+    if (!st.chunks[0].reserve(size_t{st.chunkRows} * readRowBytes, kBlockSlack) || !st.planes ||
+        (st.packBits && h.depth == 16 && !st.wide))
+      return Status::NoMemory;
+  }
 
   out.width = h.width;
   out.height = h.height;
@@ -331,11 +347,11 @@ Status describe(const char* fileName, Picture& out, uint8_t* colorMap, bool read
 
 // ---- Rows
 
-void copyBlocks(uint8_t* dst, const uint8_t* src, size_t n) {
+[[gnu::always_inline]] inline void copyBlocks(uint8_t* dst, const uint8_t* src, size_t n) {
   for (size_t k = 0; k < n; k += kBlockSlack) std::memcpy(dst + k, src + k, kBlockSlack);
 }
 
-void fillBlocks(uint8_t* dst, uint8_t value, size_t n) {
+[[gnu::always_inline]] inline void fillBlocks(uint8_t* dst, uint8_t value, size_t n) {
   uint8_t block[kBlockSlack];
   std::memset(block, value, sizeof block);
   for (size_t k = 0; k < n; k += kBlockSlack) std::memcpy(dst + k, block, kBlockSlack);
@@ -343,7 +359,7 @@ void fillBlocks(uint8_t* dst, uint8_t value, size_t n) {
 
 // Unpacks one PackBits row of `rowBytes` bytes from the `count` bytes at
 // `src`. False when the data ends before the row is full.
-bool unpackBits(const uint8_t* src, size_t count, uint8_t* dst, size_t rowBytes) {
+[[gnu::always_inline]] inline bool unpackRow(const uint8_t* src, size_t count, uint8_t* dst, size_t rowBytes) {
   size_t in = 0, out = 0;
   while (out < rowBytes) {
     if (in >= count) return false;
@@ -366,48 +382,65 @@ bool unpackBits(const uint8_t* src, size_t count, uint8_t* dst, size_t rowBytes)
   return true;
 }
 
+#if defined(__x86_64__)
+// The same compiled for 512-bit vectors: a block is then one load and one
+// store, where the baseline instruction set needs four of each.
+__attribute__((target("avx512f,avx512bw"))) bool unpackRowWide(const uint8_t* src, size_t count, uint8_t* dst,
+                                                              size_t rowBytes) {
+  return unpackRow(src, count, dst, rowBytes);
+}
+#endif
+
+bool unpackBits(const uint8_t* src, size_t count, uint8_t* dst, size_t rowBytes) {
+#if defined(__x86_64__)
+  if (activePixelPath() == PixelPath::Avx512) return unpackRowWide(src, count, dst, rowBytes);
+#endif
+  return unpackRow(src, count, dst, rowBytes);
+}
+
 // 16-bit big-endian samples rounded to 8 bits.
 void narrow(const uint8_t* wide, uint8_t* out, uint32_t count) {
   for (uint32_t i = 0; i < count; ++i)
     out[i] = uint8_t(((wide[2 * i] << 8 | wide[2 * i + 1]) * 255u + 32767) / 65535);
 }
 
-uint8_t* plane(PsdState& st, uint32_t channel, uint32_t row) {
-  return st.planes.get() + (size_t{channel} * st.chunkRows + row) * st.planeRowBytes;
-}
-
-// Rows first..first+rows-1 of one channel into its plane, at 8 bits.
+// Rows first..first+rows-1 of one channel at 8 bits; st.plane[channel]
+// points to them.
 Status readChannel(PsdState& st, uint32_t channel, uint32_t first, uint32_t rows) {
   const bool wide = st.depth == 16;
+  uint8_t* planeRows = st.planes ? st.planes.get() + size_t{channel} * st.chunkRows * st.planeRowBytes : nullptr;
   if (!st.packBits) {
     const uint64_t at = (uint64_t{channel} * st.height + first) * st.storedRowBytes;
     const size_t bytes = size_t{rows} * st.storedRowBytes;
-    uint8_t* to = wide ? st.wide.get() : plane(st, channel, 0);
-    if (readAt(st.fd, to, bytes, st.dataStart + off_t(at)) != bytes) return Status::BadData;
-    if (wide) narrow(to, plane(st, channel, 0), rows * st.width);
+    MatchedChunk& chunk = st.chunks[wide ? 0 : channel];
+    if (chunk.read(st.fd, st.dataStart + off_t(at), bytes) != bytes) return Status::BadData;
+    if (wide) narrow(chunk.data(), planeRows, rows * st.width);
+    st.plane[channel] = wide ? planeRows : chunk.data();
     return Status::Ok;
   }
   const uint32_t* counts = &st.rowCounts[size_t{channel} * st.height + first];
   size_t bytes = 0;
   for (uint32_t i = 0; i < rows; ++i) bytes += counts[i];
-  if (readAt(st.fd, st.packed.get(), bytes, st.next[channel]) != bytes) return Status::BadData;
+  if (st.chunks[0].read(st.fd, st.next[channel], bytes) != bytes) return Status::BadData;
   st.next[channel] += off_t(bytes);
-  const uint8_t* src = st.packed.get();
+  const uint8_t* src = st.chunks[0].data();
   for (uint32_t i = 0; i < rows; src += counts[i++]) {
-    uint8_t* to = wide ? st.wide.get() : plane(st, channel, i);
+    uint8_t* row = planeRows + size_t{i} * st.planeRowBytes;
+    uint8_t* to = wide ? st.wide.get() : row;
     if (!unpackBits(src, counts[i], to, st.storedRowBytes)) return Status::BadData;
-    if (wide) narrow(to, plane(st, channel, i), st.width);
+    if (wide) narrow(to, row, st.width);
   }
+  st.plane[channel] = planeRows;
   return Status::Ok;
 }
 
-void composeRow(PsdState& st, uint32_t row, uint8_t* out) {
+void composeRow(const PsdState& st, uint32_t row, uint8_t* out, Store store) {
   const uint8_t* c[kMaxUsedChannels] = {};
-  for (uint32_t k = 0; k < st.used; ++k) c[k] = plane(st, k, row);
+  for (uint32_t k = 0; k < st.used; ++k) c[k] = st.plane[k] + size_t{row} * st.planeRowBytes;
   const uint32_t step = st.alpha ? 4 : 3;
   const uint8_t* a = st.alpha ? c[st.used - 1] : nullptr;
   switch (st.compose) {
-    case Compose::Copy: std::memcpy(out, c[0], st.planeRowBytes); return;
+    case Compose::Copy: copyBytes(c[0], out, st.planeRowBytes, store); return;
     case Compose::GreyAlpha:
       for (uint32_t x = 0; x < st.width; ++x, out += 4) {
         out[0] = out[1] = out[2] = c[0][x];
@@ -416,7 +449,7 @@ void composeRow(PsdState& st, uint32_t row, uint8_t* out) {
       return;
     case Compose::Rgb:
       if (a) interleave4(c[0], c[1], c[2], a, out, st.width);
-      else interleave3(c[0], c[1], c[2], out, st.width);
+      else interleave3(c[0], c[1], c[2], out, st.width, store);
       return;
     case Compose::Cmyk:
       // The document stores ink inverted (255 = none), so each colour is
@@ -454,14 +487,17 @@ Status deliver(const Band& band) {
   if (!st.file || !band.buffer || band.rowCount < 0 || band.rowStride < 0 ||
       uint32_t(band.rowStride) < st.outRowBytes || uint32_t(band.rowCount) > st.height - st.delivered)
     return Status::BadRequest;
-  for (uint32_t done = 0; done < uint32_t(band.rowCount);) {
+  const Store store = st.stores.forBand(band.buffer, band.rowCount, band.rowStride, st.outRowBytes, st.height);
+  Status s = Status::Ok;
+  for (uint32_t done = 0; done < uint32_t(band.rowCount) && s == Status::Ok;) {
     const uint32_t rows = std::min(st.chunkRows, uint32_t(band.rowCount) - done);
-    for (uint32_t k = 0; k < st.used; ++k)
-      if (const Status s = readChannel(st, k, st.delivered + done, rows); s != Status::Ok)
-        return st.failed = s;
-    for (uint32_t i = 0; i < rows; ++i) composeRow(st, i, rowAt(band.buffer, done + i, band.rowStride));
+    for (uint32_t k = 0; k < st.used && s == Status::Ok; ++k) s = readChannel(st, k, st.delivered + done, rows);
+    for (uint32_t i = 0; i < rows && s == Status::Ok; ++i)
+      composeRow(st, i, rowAt(band.buffer, done + i, band.rowStride), store);
     done += rows;
   }
+  if (store == Store::Streamed) fenceStreamed();
+  if (s != Status::Ok) return st.failed = s;
   st.delivered += uint32_t(band.rowCount);
   return Status::Ok;
 }
