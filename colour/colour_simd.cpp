@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "colour/colour.h"
+#include "framework/cpu.h"
 
 #if defined(__x86_64__)
 #include <immintrin.h>
@@ -20,15 +21,7 @@ namespace {
 
 thread_local ColourPath t_path = ColourPath::Auto;
 
-bool hasWideUnits() noexcept {
-#if defined(__x86_64__)
-  static const bool has = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-                          __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi");
-  return has;
-#else
-  return false;
-#endif
-}
+bool hasWideUnits() noexcept { return cpuHasAvx512Vbmi(); }
 
 }  // namespace
 

@@ -20,6 +20,8 @@
 #include <array>
 #include <cstring>
 
+#include "framework/cpu.h"
+
 #if defined(__x86_64__)
 #include <immintrin.h>
 #define VLOAD_WIDE __attribute__((target("avx512f,avx512bw,avx512vbmi")))
@@ -59,19 +61,9 @@ void interleave4Plain(const uint8_t* r, const uint8_t* g, const uint8_t* b, cons
   }
 }
 
-#if defined(__x86_64__)
 PixelPath widestPath() {
-  static const PixelPath widest =
-      __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-              __builtin_cpu_supports("avx512vbmi")
-          ? PixelPath::Avx512
-      : __builtin_cpu_supports("ssse3") ? PixelPath::Ssse3
-                                        : PixelPath::Plain;
-  return widest;
+  return cpuHasAvx512Vbmi() ? PixelPath::Avx512 : cpuHasSsse3() ? PixelPath::Ssse3 : PixelPath::Plain;
 }
-#else
-PixelPath widestPath() { return PixelPath::Plain; }
-#endif
 
 PixelPath currentPath() {
   const PixelPath widest = widestPath();

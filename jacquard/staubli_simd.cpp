@@ -17,6 +17,7 @@
 #include <iterator>
 #include <map>
 
+#include "framework/cpu.h"
 #include "jacquard/staubli.h"
 
 #if defined(__x86_64__)
@@ -29,17 +30,7 @@ namespace {
 
 thread_local CardPath t_path = CardPath::Auto;
 
-bool hasWideUnits() noexcept {
-#if defined(__x86_64__)
-  static const bool has = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-                          __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi") &&
-                          __builtin_cpu_supports("avx512vbmi2") &&
-                          __builtin_cpu_supports("gfni") && __builtin_cpu_supports("bmi2");
-  return has;
-#else
-  return false;
-#endif
-}
+bool hasWideUnits() noexcept { return cpuHasAvx512Gfni(); }
 
 uint64_t loadLE64(const uint8_t* p) noexcept {
   uint64_t v;
